@@ -1,0 +1,118 @@
+// Codecs of ZUBProHelper: gzip, inflate, RC4 and MD5.
+#include "Common/ZUBProHelper.h"
+
+#include "Platform/Digest.h"
+
+#include <array>
+#include <cstring>
+#include <zlib.h>
+
+namespace {
+
+constexpr std::size_t kDeflateStep = 8192;
+// The stream record size and version the compressor is initialised with; zlib
+// accepts any 1.x version text for its own ABI.
+constexpr const char* kZlibVersion = "1.2.8";
+
+}  // namespace
+
+int ZUBProHelper::GZip(const zub::Data& in, zub::Data* out) {
+    if (out == nullptr || in.empty()) return -1;
+
+    z_stream stream{};
+    stream.next_in = const_cast<Bytef*>(in.data());
+    stream.avail_in = static_cast<uInt>(in.size());
+    stream.zalloc = Z_NULL;
+    stream.zfree = Z_NULL;
+    stream.opaque = Z_NULL;
+    stream.total_out = 0;
+    stream.avail_out = 0;
+    if (deflateInit2_(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY, kZlibVersion,
+                      static_cast<int>(sizeof(z_stream))) != Z_OK) {
+        return -1;
+    }
+
+    zub::Data buffer(kDeflateStep);
+    do {
+        if (stream.total_out >= buffer.size()) buffer.resize(buffer.size() + kDeflateStep);
+        stream.next_out = buffer.data() + stream.total_out;
+        stream.avail_out = static_cast<uInt>(buffer.size() - stream.total_out);
+        deflate(&stream, Z_FINISH);
+    } while (stream.avail_out == 0);
+
+    deflateEnd(&stream);
+    buffer.resize(stream.total_out);
+    *out = std::move(buffer);
+    return 0;
+}
+
+std::optional<zub::Data> ZUBProHelper::uncompressGZip(const zub::Data& in) {
+    if (in.empty()) return in;
+
+    const std::size_t n = in.size();
+    const std::size_t step = n / 2;
+    zub::Data buffer(n + step);
+
+    z_stream stream{};
+    stream.next_in = const_cast<Bytef*>(in.data());
+    stream.avail_in = static_cast<uInt>(n);
+    stream.total_out = 0;
+    stream.zalloc = Z_NULL;
+    stream.zfree = Z_NULL;
+    if (inflateInit2_(&stream, 47, kZlibVersion, static_cast<int>(sizeof(z_stream))) != Z_OK) {
+        return std::nullopt;
+    }
+
+    int status = Z_OK;
+    do {
+        if (stream.total_out >= buffer.size()) buffer.resize(buffer.size() + step);
+        stream.next_out = buffer.data() + stream.total_out;
+        stream.avail_out = static_cast<uInt>(buffer.size() - stream.total_out);
+        status = inflate(&stream, Z_SYNC_FLUSH);
+    } while (status == Z_OK);
+
+    if (status != Z_STREAM_END) {
+        inflateEnd(&stream);
+        return std::nullopt;
+    }
+    if (inflateEnd(&stream) != Z_OK) return std::nullopt;
+    buffer.resize(stream.total_out);
+    return buffer;
+}
+
+void ZUBProHelper::ChiperRC4(zub::Data& data) {
+    const std::string key = ZUBProConfig::getInstance().rc4Key().value_or("");
+    ChiperRC4(data.data(), data.size(), key);
+}
+
+void ZUBProHelper::ChiperRC4(std::uint8_t* data, std::size_t size, std::string_view key) {
+    // The key is the text's bytes up to the first NUL, as a C string would be.
+    const std::size_t keyLength = std::min(key.size(), key.find('\0'));
+    if (keyLength == 0) {
+        LogDebug("[WARN]RC4 key is empty, data left unchanged");
+        return;
+    }
+
+    std::array<std::uint8_t, 256> s;
+    for (std::size_t i = 0; i < 256; ++i) s[i] = static_cast<std::uint8_t>(i);
+    std::uint8_t j = 0;
+    for (std::size_t i = 0; i < 256; ++i) {
+        j = static_cast<std::uint8_t>(j + s[i] + static_cast<std::uint8_t>(key[i % keyLength]));
+        std::swap(s[i], s[j]);
+    }
+
+    std::uint8_t a = 0;
+    std::uint8_t b = 0;
+    for (std::size_t k = 0; k < size; ++k) {
+        a = static_cast<std::uint8_t>(a + 1);
+        b = static_cast<std::uint8_t>(b + s[a]);
+        std::swap(s[a], s[b]);
+        data[k] ^= s[static_cast<std::uint8_t>(s[a] + s[b])];
+    }
+}
+
+std::optional<std::string> ZUBProHelper::md5encrypt(const std::optional<std::string>& text) {
+    if (!text || text->empty()) return std::nullopt;
+    const std::size_t length = std::min(text->size(), text->find('\0'));
+    return zub::Digest::hex(zub::Digest::md5(text->data(), length));
+}

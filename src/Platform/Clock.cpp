@@ -1,0 +1,40 @@
+#include "Platform/Clock.h"
+
+#include <atomic>
+#include <chrono>
+
+namespace zub {
+namespace {
+
+class SystemClock final : public Clock {
+public:
+    std::int64_t microsSinceEpoch() const override {
+        using namespace std::chrono;
+        return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+    }
+};
+
+const SystemClock kSystemClock;
+std::atomic<const Clock*> gInstalled{nullptr};
+
+}  // namespace
+
+std::int64_t Clock::nowMicros() {
+    const Clock* c = gInstalled.load(std::memory_order_acquire);
+    return (c ? c : &kSystemClock)->microsSinceEpoch();
+}
+
+std::uint64_t Clock::nowSeconds() {
+    const std::int64_t m = nowMicros();
+    return m <= 0 ? 0 : static_cast<std::uint64_t>(m / 1000000);
+}
+
+double Clock::nowDouble() {
+    return static_cast<double>(nowMicros()) / 1e6;
+}
+
+void Clock::install(const Clock* clock) {
+    gInstalled.store(clock, std::memory_order_release);
+}
+
+}  // namespace zub

@@ -1,0 +1,188 @@
+#include "Platform/HttpClient.h"
+
+#include <curl/curl.h>
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <strings.h>
+
+namespace zub {
+namespace {
+
+void ensureGlobalInit() {
+    static std::once_flag once;
+    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+// One easy handle per thread: curl keeps the connection alive between posts made
+// through the same handle. Freed when the thread ends.
+class ThreadHandle {
+public:
+    ThreadHandle() {
+        ensureGlobalInit();
+        handle_ = curl_easy_init();
+    }
+    ~ThreadHandle() {
+        if (handle_) curl_easy_cleanup(handle_);
+    }
+    ThreadHandle(const ThreadHandle&) = delete;
+    ThreadHandle& operator=(const ThreadHandle&) = delete;
+    CURL* get() const { return handle_; }
+
+private:
+    CURL* handle_ = nullptr;
+};
+
+std::size_t appendBody(char* data, std::size_t size, std::size_t count, void* user) {
+    auto* body = static_cast<Data*>(user);
+    const std::size_t n = size * count;
+    body->insert(body->end(), reinterpret_cast<std::uint8_t*>(data), reinterpret_cast<std::uint8_t*>(data) + n);
+    return n;
+}
+
+HttpError mapError(CURLcode code, long osErrno, const char* detail) {
+    HttpError e;
+    switch (code) {
+        case CURLE_OPERATION_TIMEDOUT:
+            e.code = -1001;
+            e.description = "The request timed out.";
+            break;
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_RESOLVE_PROXY:
+            e.code = -1003;
+            e.description = "A server with the specified hostname could not be found.";
+            break;
+        case CURLE_COULDNT_CONNECT:
+            if (osErrno == ENETUNREACH || osErrno == ENETDOWN) {
+                e.code = -1009;
+                e.description = "The Internet connection appears to be offline.";
+            } else {
+                e.code = -1004;
+                e.description = "Could not connect to the server.";
+            }
+            break;
+        case CURLE_GOT_NOTHING:
+        case CURLE_SEND_ERROR:
+        case CURLE_RECV_ERROR:
+        case CURLE_PARTIAL_FILE:
+        case CURLE_HTTP2:
+        case CURLE_HTTP2_STREAM:
+            e.code = -1005;
+            e.description = "The network connection was lost.";
+            break;
+        case CURLE_URL_MALFORMAT:
+            e.code = -1000;
+            e.description = "unsupported URL";
+            break;
+        case CURLE_UNSUPPORTED_PROTOCOL:
+            e.code = -1002;
+            e.description = "unsupported URL";
+            break;
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_PEER_FAILED_VERIFICATION:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_CIPHER:
+        case CURLE_SSL_CACERT_BADFILE:
+            e.code = -1200;
+            e.description = "An SSL error has occurred and a secure connection to the server cannot be made.";
+            break;
+        default:
+            e.code = -1;
+            e.description = curl_easy_strerror(code);
+            break;
+    }
+    if (detail && *detail) e.description += std::string(" (") + detail + ")";
+    return e;
+}
+
+}  // namespace
+
+void HttpRequest::setHeader(const std::string& name, const std::string& value) {
+    for (auto& [n, v] : headers) {
+        if (strcasecmp(n.c_str(), name.c_str()) == 0) {
+            v = value;
+            return;
+        }
+    }
+    headers.emplace_back(name, value);
+}
+
+void HttpRequest::removeHeader(const std::string& name) {
+    std::erase_if(headers, [&](const auto& h) { return strcasecmp(h.first.c_str(), name.c_str()) == 0; });
+}
+
+std::optional<std::string> HttpRequest::header(const std::string& name) const {
+    for (const auto& [n, v] : headers) {
+        if (strcasecmp(n.c_str(), name.c_str()) == 0) return v;
+    }
+    return std::nullopt;
+}
+
+Value HttpError::toValue() const {
+    Value v = Value::object();
+    v["domain"] = kDomain;
+    v["code"] = code;
+    v["description"] = description;
+    return v;
+}
+
+std::string HttpError::fullDescription() const {
+    return std::string("Error Domain=") + kDomain + " Code=" + std::to_string(code) + " \"" + description + "\"";
+}
+
+std::optional<HttpError> HttpClient::send(const HttpRequest& request, HttpResponse& response) {
+    thread_local ThreadHandle threadHandle;
+    CURL* curl = threadHandle.get();
+    if (!curl) return HttpError{-1, "could not create an HTTP handle"};
+
+    curl_easy_reset(curl);  // keeps the connection cache, clears the previous options
+    char errorBuffer[CURL_ERROR_SIZE] = {0};
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
+    curl_easy_setopt(curl, CURLOPT_URL, request.url.c_str());
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+    const long timeoutMs = request.timeoutSeconds > 0 ? static_cast<long>(request.timeoutSeconds * 1000) : 0;
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, timeoutMs);
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
+    curl_easy_setopt(curl, CURLOPT_TCP_KEEPALIVE, 1L);
+
+    if (request.method == "POST") {
+        curl_easy_setopt(curl, CURLOPT_POST, 1L);
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, request.body.data());
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    } else {
+        curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+    }
+
+    curl_slist* headerList = nullptr;
+    for (const auto& [name, value] : request.headers) {
+        headerList = curl_slist_append(headerList, (name + ": " + value).c_str());
+    }
+    // Without this curl would wait for "100 Continue" before sending larger bodies,
+    // and would add its own form content type.
+    headerList = curl_slist_append(headerList, "Expect:");
+    if (!request.header("Content-Type")) headerList = curl_slist_append(headerList, "Content-Type:");
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headerList);
+
+    Data body;
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, appendBody);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
+
+    const CURLcode code = curl_easy_perform(curl);
+    long osErrno = 0;
+    curl_easy_getinfo(curl, CURLINFO_OS_ERRNO, &osErrno);
+    long status = 0;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, nullptr);
+    curl_slist_free_all(headerList);
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
+
+    if (code != CURLE_OK) return mapError(code, osErrno, errorBuffer);
+    response.status = status;
+    response.body = std::move(body);
+    return std::nullopt;
+}
+
+}  // namespace zub

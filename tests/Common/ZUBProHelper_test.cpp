@@ -1,0 +1,191 @@
+#include "Common/ZUBProHelper.h"
+#include "Platform/Bundle.h"
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <random>
+
+using zubtest::LogCapture;
+
+namespace {
+
+zub::Data bytes(const std::string& s) {
+    return zub::Data(s.begin(), s.end());
+}
+
+zub::Data randomBytes(std::size_t n, unsigned seed) {
+    std::mt19937 rng(seed);
+    zub::Data d(n);
+    for (auto& b : d) b = static_cast<std::uint8_t>(rng());
+    return d;
+}
+
+zub::Data zlibCompress(const zub::Data& in) {
+    uLongf size = compressBound(static_cast<uLong>(in.size()));
+    zub::Data out(size);
+    compress(out.data(), &size, in.data(), static_cast<uLong>(in.size()));
+    out.resize(size);
+    return out;
+}
+
+}  // namespace
+
+TEST(ZUBProHelperRC4, PublishedVectorAndRoundTrip) {
+    zub::Data data = bytes("Plaintext");
+    ZUBProHelper::ChiperRC4(data.data(), data.size(), "Key");
+    EXPECT_EQ(data, (zub::Data{0xBB, 0xF3, 0x16, 0xE8, 0xD9, 0x40, 0xAF, 0x0A, 0xD3}));
+
+    // Under the configured key, twice restores; the key text is used as it stands.
+    const zub::Data original = randomBytes(1000, 1);
+    zub::Data d = original;
+    ZUBProHelper::ChiperRC4(d);
+    EXPECT_NE(d, original);
+    zub::Data viaText = original;
+    ZUBProHelper::ChiperRC4(viaText.data(), viaText.size(), "5f0c2e7a9b14d386c0e1a2f47d95b3e8");
+    EXPECT_EQ(d, viaText);
+    ZUBProHelper::ChiperRC4(d);
+    EXPECT_EQ(d, original);
+
+    // The key ends at its first NUL.
+    zub::Data a = original, b = original;
+    ZUBProHelper::ChiperRC4(a.data(), a.size(), std::string_view("Key\0junk", 8));
+    ZUBProHelper::ChiperRC4(b.data(), b.size(), "Key");
+    EXPECT_EQ(a, b);
+}
+
+TEST(ZUBProHelperRC4, EmptyKeyLeavesDataAndWarns) {
+    LogCapture log;
+    ZUBProConfig::getInstance().setRc4Key(std::string());
+    zub::Data d = bytes("hello");
+    ZUBProHelper::ChiperRC4(d);
+    EXPECT_EQ(d, bytes("hello"));
+    ZUBProConfig::getInstance().setRc4Key(std::nullopt);
+    ZUBProHelper::ChiperRC4(d);
+    EXPECT_EQ(d, bytes("hello"));
+    EXPECT_TRUE(log.has("[ZUBDebug] [WARN]RC4 key is empty, data left unchanged"));
+}
+
+TEST(ZUBProHelperGZip, CompressesWithGzipHeaderAndGrowsInSteps) {
+    zub::Data out = bytes("untouched");
+    EXPECT_EQ(ZUBProHelper::GZip(zub::Data{}, &out), -1);
+    EXPECT_EQ(out, bytes("untouched"));
+    EXPECT_EQ(ZUBProHelper::GZip(bytes("x"), nullptr), -1);
+
+    ASSERT_EQ(ZUBProHelper::GZip(bytes("hello hello hello"), &out), 0);
+    ASSERT_GE(out.size(), 18u);
+    EXPECT_EQ(out[0], 0x1F);
+    EXPECT_EQ(out[1], 0x8B);
+
+    // Random data does not compress: the output passes several 8192-byte steps and
+    // is cut to exactly the stream's length, which inflates back.
+    const zub::Data noisy = randomBytes(30000, 7);
+    ASSERT_EQ(ZUBProHelper::GZip(noisy, &out), 0);
+    EXPECT_GT(out.size(), 3 * 8192u);
+    auto back = ZUBProHelper::uncompressGZip(out);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(*back, noisy);
+}
+
+TEST(ZUBProHelperGZip, InflatesGzipAndZlibRefusesDamage) {
+    EXPECT_EQ(ZUBProHelper::uncompressGZip(zub::Data{}), zub::Data{});
+
+    const zub::Data text = bytes(std::string(5000, 'a') + "tail");
+    zub::Data gz;
+    ASSERT_EQ(ZUBProHelper::GZip(text, &gz), 0);
+    EXPECT_EQ(ZUBProHelper::uncompressGZip(gz), text);          // gzip, grows far past n + n/2
+    EXPECT_EQ(ZUBProHelper::uncompressGZip(zlibCompress(text)), text);  // zlib
+
+    zub::Data truncated(gz.begin(), gz.begin() + static_cast<long>(gz.size() / 2));
+    EXPECT_FALSE(ZUBProHelper::uncompressGZip(truncated));
+    zub::Data noTrailer(gz.begin(), gz.end() - 4);
+    EXPECT_FALSE(ZUBProHelper::uncompressGZip(noTrailer));
+    EXPECT_FALSE(ZUBProHelper::uncompressGZip(bytes("not compressed at all")));
+    EXPECT_FALSE(ZUBProHelper::uncompressGZip(zub::Data{0x1f}));
+}
+
+TEST(ZUBProHelperMD5, HexDigest) {
+    EXPECT_EQ(ZUBProHelper::md5encrypt(std::string("abc")), "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_FALSE(ZUBProHelper::md5encrypt(std::string()));
+    EXPECT_FALSE(ZUBProHelper::md5encrypt(std::nullopt));
+    EXPECT_EQ(ZUBProHelper::md5encrypt(std::string("abc\0def", 7)), "900150983cd24fb0d6963f7d28e17f72");
+}
+
+TEST(ZUBProHelperJson, WriterAcceptsOnlyWhatThePlatformWould) {
+    LogCapture log;
+    zub::Value ordered = zub::Value::object();
+    ordered["z"] = 1;
+    ordered["a"] = "x/y";
+    ordered["m"] = zub::Value::array({true, nullptr, 2.5});
+    EXPECT_EQ(ZUBProHelper::objToJson(ordered), R"({"z":1,"a":"x/y","m":[true,null,2.5]})");
+    EXPECT_EQ(ZUBProHelper::objToJson(zub::Value::array()), "[]");
+    EXPECT_FALSE(log.contains("error json format"));
+
+    const zub::Value refused[] = {
+        zub::Value("text"),
+        zub::Value(5),
+        zub::Value(),
+        zub::Value::object({{"d", zub::Value::binary({1, 2})}}),
+        zub::Value::array({std::numeric_limits<double>::quiet_NaN()}),
+        zub::Value::object({{"x", zub::Value::array({std::numeric_limits<double>::infinity()})}}),
+    };
+    for (const auto& v : refused) {
+        log.clear();
+        EXPECT_EQ(ZUBProHelper::objToJson(v), "") << v.type_name();
+        EXPECT_TRUE(log.has("[ZUBDebug] error :error json format"));
+    }
+
+    log.clear();
+    EXPECT_EQ(ZUBProHelper::objToJson(zub::Value::object({{"bad", std::string("\xff\xfe")}})), "");
+    EXPECT_TRUE(log.has("[ZUBDebug] exception :%"));
+}
+
+TEST(ZUBProHelperJson, ReaderAcceptsContainersOnly) {
+    LogCapture log;
+    auto empty = ZUBProHelper::jsonToObj(std::string("{}"));
+    ASSERT_TRUE(empty);
+    EXPECT_TRUE(empty->is_object() && empty->empty());
+    auto arr = ZUBProHelper::jsonToObj(std::string("[1,\"a\"]"));
+    ASSERT_TRUE(arr && arr->is_array());
+    EXPECT_EQ(arr->size(), 2u);
+
+    EXPECT_FALSE(ZUBProHelper::jsonToObj(std::string("not json")));
+    EXPECT_FALSE(ZUBProHelper::jsonToObj(std::nullopt));
+    EXPECT_TRUE(log.lines().empty());
+
+    EXPECT_FALSE(ZUBProHelper::jsonToObj(std::string("5")));
+    EXPECT_FALSE(ZUBProHelper::jsonToObj(std::string("\"text\"")));
+    EXPECT_FALSE(ZUBProHelper::jsonToObj(std::string("null")));
+    const auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 3u);
+    for (const auto& l : lines) EXPECT_EQ(l, "[ZUBDebug] error :An error happened while deserializing the JSON data.");
+}
+
+TEST(ZUBProHelperLog, OnlyWhenEnabledAndFormattedLikeThePlatform) {
+    LogCapture log(/*enableDebug=*/false);
+    ZUBProHelper::LogDebug("hidden %@", "x");
+    ZUBProHelper::trackError("hidden too");
+    EXPECT_TRUE(log.lines().empty());
+
+    ZUBProConfig::getInstance().setDebugEnable(true);
+    ZUBProHelper::LogDebug("Receive invalid response: %ld", 500L);
+    ZUBProHelper::LogDebug("a %@ b %d c %s %% d %", std::string("one"), 2, "three");
+    ZUBProHelper::LogDebug("[WARN]Local has version:%d for config:%d, while remote has version:%d", 3, 1, 4);
+    ZUBProHelper::trackException(std::runtime_error("secret description"));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               "[ZUBDebug] Receive invalid response: 500",
+                               "[ZUBDebug] a one b 2 c three % d %",
+                               "[ZUBDebug] [WARN]Local has version:3 for config:1, while remote has version:4",
+                               "[ZUBDebug] exception :%",
+                           }));
+}
+
+TEST(ZUBProHelperHost, CompanyDomainIsIdentifierWithoutLastPiece) {
+    zub::Bundle::setInfoValue("CFBundleIdentifier", "com.example.editor");
+    EXPECT_EQ(ZUBProHelper::getCompanyDomain(), "com.example");
+    zub::Bundle::setInfoValue("CFBundleIdentifier", "app");
+    EXPECT_EQ(ZUBProHelper::getCompanyDomain(), "app");
+    zub::Bundle::setInfoValue("CFBundleIdentifier", "a.b.");
+    EXPECT_EQ(ZUBProHelper::getCompanyDomain(), "a.b");
+}

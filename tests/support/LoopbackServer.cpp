@@ -1,0 +1,43 @@
+#include "support/LoopbackServer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace zubtest {
+
+void LoopbackServer::start() {
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    if (port_ <= 0) throw std::runtime_error("could not bind a loopback port");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    // stop() is a no-op until the accept loop runs, so wait for it to start.
+    while (!server_.is_running()) std::this_thread::yield();
+}
+
+void LoopbackServer::stop() {
+    if (thread_.joinable()) {
+        server_.stop();
+        thread_.join();
+    }
+}
+
+std::string LoopbackServer::url(const std::string& pathAndQuery) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + pathAndQuery;
+}
+
+int unusedLoopbackPort() {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = 0;
+    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    socklen_t len = sizeof addr;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    close(fd);
+    return ntohs(addr.sin_port);
+}
+
+}  // namespace zubtest

@@ -1,0 +1,50 @@
+#include "support/TempHome.h"
+
+#include <cstdlib>
+#include <string>
+#include <unistd.h>
+
+namespace zubtest {
+namespace {
+
+std::filesystem::path& homePath() {
+    static std::filesystem::path p;
+    return p;
+}
+
+void removeHome() {
+    std::error_code ec;
+    if (!homePath().empty()) std::filesystem::remove_all(homePath(), ec);
+}
+
+}  // namespace
+
+void TempHome::install() {
+    if (!homePath().empty()) return;
+    const char* base = std::getenv("TMPDIR");
+    std::string templ = std::string(base && *base ? base : "/tmp") + "/zub-test-XXXXXX";
+    if (mkdtemp(templ.data()) == nullptr) std::abort();
+    homePath() = templ;
+    const auto& home = homePath();
+    std::filesystem::create_directories(home / ".config");
+    std::filesystem::create_directories(home / ".local/share");
+    std::filesystem::create_directories(home / "Documents");
+    setenv("HOME", home.c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (home / ".config").c_str(), 1);
+    setenv("XDG_DATA_HOME", (home / ".local/share").c_str(), 1);
+    setenv("XDG_DOCUMENTS_DIR", (home / "Documents").c_str(), 1);
+    std::atexit(removeHome);
+}
+
+const std::filesystem::path& TempHome::path() {
+    return homePath();
+}
+
+std::filesystem::path TempHome::makeDir(const std::string& name) {
+    auto p = homePath() / name;
+    std::filesystem::remove_all(p);
+    std::filesystem::create_directories(p);
+    return p;
+}
+
+}  // namespace zubtest

@@ -1,0 +1,19 @@
+// A private HOME for one test process: HOME, XDG_CONFIG_HOME, XDG_DATA_HOME and
+// XDG_DOCUMENTS_DIR all point below a fresh temporary directory, removed at exit.
+#pragma once
+
+#include <filesystem>
+
+namespace zubtest {
+
+class TempHome {
+public:
+    /// Creates the directory and sets the environment. Call before any thread starts.
+    static void install();
+    /// The HOME of this process.
+    static const std::filesystem::path& path();
+    /// A fresh, empty directory below HOME.
+    static std::filesystem::path makeDir(const std::string& name);
+};
+
+}  // namespace zubtest
