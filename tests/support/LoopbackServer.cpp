@@ -8,6 +8,14 @@
 
 namespace zubtest {
 
+LoopbackServer::LoopbackServer(bool keepAlive) {
+    if (keepAlive) {
+        server_.set_keep_alive_timeout(1);
+    } else {
+        server_.set_keep_alive_max_count(1);
+    }
+}
+
 void LoopbackServer::start() {
     port_ = server_.bind_to_any_port("127.0.0.1");
     if (port_ <= 0) throw std::runtime_error("could not bind a loopback port");

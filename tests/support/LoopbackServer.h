@@ -11,7 +11,10 @@ namespace zubtest {
 
 class LoopbackServer {
 public:
-    LoopbackServer() = default;
+    /// By default every connection serves one request and closes, so stopping
+    /// never waits for an idle kept-alive connection. With keepAlive the server
+    /// keeps connections open (idle ones close after one second).
+    explicit LoopbackServer(bool keepAlive = false);
     ~LoopbackServer() { stop(); }
     LoopbackServer(const LoopbackServer&) = delete;
     LoopbackServer& operator=(const LoopbackServer&) = delete;
