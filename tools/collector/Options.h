@@ -1,0 +1,78 @@
+// Command-line options of zub-collector.
+//
+//   zub-collector [serve] [server options]      run the report and identifier server
+//   zub-collector stats  --db PATH [--app KEY] [--top N] [--json]
+//   zub-collector events --db PATH [--since T] [--until T] [--type ET] [--app KEY]
+//                        [--mid MID] [--limit N] [--json]
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zubcollector {
+
+/// Test and user knobs that make the server misbehave on purpose.
+struct FaultOptions {
+    enum class Scope { All, Report, Mid };
+    std::optional<int> ret;     // answer this "ret" without storing anything
+    std::optional<int> status;  // answer this HTTP status without storing anything
+    int delayMs = 0;            // wait this long before handling a request
+    bool drop = false;          // cut the connection instead of answering
+    std::int64_t count = -1;    // apply to this many matching requests (-1: all)
+    Scope scope = Scope::All;
+
+    bool any() const { return ret || status || delayMs > 0 || drop; }
+};
+
+struct ServeOptions {
+    std::string address = "127.0.0.1";
+    int port = 0;  // set from the build's default in parseCommandLine
+    std::string key;
+    std::string dbPath = "zub-collector.db";
+    std::string configPath;      // online configuration file; none when empty
+    std::size_t threads = 32;    // request threads (each kept-alive connection holds one)
+    std::size_t maxBodyBytes = 4u << 20;    // wire body ceiling
+    std::size_t maxPlainBytes = 32u << 20;  // deciphered and inflated body ceiling
+    bool quiet = false;          // no per-request log lines
+    FaultOptions faults;
+};
+
+struct StatsOptions {
+    std::string dbPath;
+    std::optional<std::string> app;
+    std::size_t top = 10;
+    bool json = false;
+};
+
+struct EventsOptions {
+    std::string dbPath;
+    std::optional<std::int64_t> since;  // event "ts", seconds since 1970, inclusive
+    std::optional<std::int64_t> until;  // exclusive
+    std::optional<std::int64_t> type;
+    std::optional<std::string> app;
+    std::optional<std::string> mid;
+    std::optional<std::int64_t> limit;
+    bool json = false;
+};
+
+struct CommandLine {
+    enum class Command { Serve, Stats, Events, Help, Version };
+    Command command = Command::Serve;
+    ServeOptions serve;
+    StatsOptions stats;
+    EventsOptions events;
+};
+
+/// Parses argv; nothing and a message on a bad command line.
+std::optional<CommandLine> parseCommandLine(const std::vector<std::string>& args, std::string& error);
+
+/// Reads a time given as seconds since 1970 or as a UTC date "YYYY-MM-DD" or
+/// date and time "YYYY-MM-DDTHH:MM[:SS][Z]".
+std::optional<std::int64_t> parseTime(const std::string& text);
+
+std::string usageText();
+
+}  // namespace zubcollector

@@ -1,0 +1,104 @@
+#include "Schema.h"
+
+namespace zubcollector {
+namespace {
+
+// Migration N takes the schema from version N-1 to N.
+const char* const kMigrations[] = {
+    // 1: devices and events.
+    "CREATE TABLE devices ("
+    "  mid TEXT PRIMARY KEY NOT NULL,"
+    "  ifv TEXT, ioa TEXT, ui TEXT,"
+    "  first_seen INTEGER NOT NULL,"
+    "  last_seen INTEGER NOT NULL);"
+    "CREATE INDEX devices_ui ON devices(ui);"
+    "CREATE INDEX devices_ioa ON devices(ioa);"
+    "CREATE INDEX devices_ifv ON devices(ifv);"
+    "CREATE TABLE events ("
+    "  id INTEGER PRIMARY KEY,"
+    "  app_key TEXT, mid TEXT,"
+    "  et INTEGER, si INTEGER, ts INTEGER, idx INTEGER,"
+    "  body TEXT NOT NULL,"
+    "  received INTEGER NOT NULL);"
+    "CREATE INDEX events_et ON events(et);",
+
+    // 2: what each client holds of the online configuration; events by time.
+    "CREATE TABLE config_state ("
+    "  app_key TEXT NOT NULL, mid TEXT NOT NULL,"
+    "  sdk_version INTEGER, app_version INTEGER,"
+    "  updated INTEGER NOT NULL,"
+    "  PRIMARY KEY (app_key, mid));"
+    "CREATE INDEX events_ts ON events(ts);",
+};
+static_assert(std::size(kMigrations) == kSchemaVersion);
+
+bool tableExists(Database& db, const char* name, bool& exists, std::string& error) {
+    Statement query = db.prepare("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?1", error);
+    if (!query.ok()) return false;
+    query.bind(1, std::string_view(name));
+    exists = query.step();
+    const bool ok = !query.failed();
+    if (!ok) error = db.lastError();
+    query.reset();
+    return ok;
+}
+
+}  // namespace
+
+bool readSchemaVersion(Database& db, int& version, std::string& error) {
+    bool exists = false;
+    if (!tableExists(db, "schema_version", exists, error)) return false;
+    if (!exists) {
+        version = 0;
+        return true;
+    }
+    Statement query = db.prepare("SELECT version FROM schema_version", error);
+    if (!query.ok()) return false;
+    version = query.step() ? static_cast<int>(query.integer(0)) : 0;
+    if (query.failed()) {
+        error = db.lastError();
+        return false;
+    }
+    return true;
+}
+
+bool migrateSchema(Database& db, std::string& error) {
+    int version = 0;
+    if (!db.exec("BEGIN IMMEDIATE", error)) return false;
+    if (!readSchemaVersion(db, version, error) ||
+        !db.exec("CREATE TABLE IF NOT EXISTS schema_version (version INTEGER NOT NULL)", error)) {
+        std::string ignored;
+        db.exec("ROLLBACK", ignored);
+        return false;
+    }
+    db.exec("COMMIT", error);
+    if (version > kSchemaVersion) {
+        error = "database schema version " + std::to_string(version) + " is newer than this collector's (" +
+                std::to_string(kSchemaVersion) + ")";
+        return false;
+    }
+    for (int next = version + 1; next <= kSchemaVersion; ++next) {
+        if (!db.exec("BEGIN IMMEDIATE", error)) return false;
+        bool ok = db.exec(kMigrations[next - 1], error);
+        if (ok) {
+            Statement clear = db.prepare("DELETE FROM schema_version", error);
+            Statement set = db.prepare("INSERT INTO schema_version (version) VALUES (?1)", error);
+            ok = clear.ok() && set.ok() && clear.run();
+            if (ok) {
+                set.bind(1, static_cast<std::int64_t>(next));
+                ok = set.run();
+            }
+            if (!ok && error.empty()) error = db.lastError();
+        }
+        if (!ok || !db.exec("COMMIT", error)) {
+            const std::string cause = error;
+            std::string ignored;
+            db.exec("ROLLBACK", ignored);
+            error = "schema migration to version " + std::to_string(next) + " failed: " + cause;
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace zubcollector

@@ -1,0 +1,30 @@
+// The collector's database schema and its migrations.
+//
+// The version lives in the one-row table schema_version. Opening a database for
+// writing brings it to kSchemaVersion, one migration per step, each in its own
+// transaction; a database from a newer collector is refused, never altered.
+//
+// Tables (version 2):
+//   devices(mid PRIMARY KEY, ifv, ioa, ui, first_seen, last_seen)
+//   events(id, app_key, mid, et, si, ts, idx, body, received)   one row per event
+//   config_state(app_key, mid, sdk_version, app_version, updated)
+//     the configuration block versions a client is known to hold.
+// Times are whole seconds since 1970.
+#pragma once
+
+#include "Database.h"
+
+#include <string>
+
+namespace zubcollector {
+
+inline constexpr int kSchemaVersion = 2;
+
+/// Creates or upgrades the schema; false and a message when it cannot.
+bool migrateSchema(Database& db, std::string& error);
+
+/// The schema version of an existing database (0 when it has none); false and a
+/// message when the version cannot be read.
+bool readSchemaVersion(Database& db, int& version, std::string& error);
+
+}  // namespace zubcollector

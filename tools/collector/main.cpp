@@ -1,0 +1,137 @@
+// zub-collector: the reference report and identifier server, and its query commands.
+//
+// Serving prints one machine-readable line on stdout once the socket is bound:
+//   {"event":"listening","address":"127.0.0.1","port":47800,"db":"zub-collector.db"}
+// and, after an orderly stop, {"event":"stopped","stored":N}. Per-request log
+// lines go to stderr. SIGINT and SIGTERM stop the server: requests in progress
+// are answered and committed before the database is closed.
+#include "CollectorServer.h"
+#include "EventStore.h"
+#include "OnlineConfig.h"
+#include "Options.h"
+#include "Queries.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+#include <thread>
+
+#ifndef ZUB_COLLECTOR_VERSION
+#define ZUB_COLLECTOR_VERSION "0"
+#endif
+
+namespace {
+
+using namespace zubcollector;
+
+int serve(const ServeOptions& options) {
+    // Signals are taken by one thread with sigwait, so they never interrupt the
+    // others; every thread started below inherits this mask.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    RequestLog log(options.quiet);
+    OnlineConfig config;
+    std::string error;
+    if (!options.configPath.empty()) {
+        auto loaded = OnlineConfig::load(options.configPath, error);
+        if (!loaded) {
+            std::cerr << "zub-collector: " << error << "\n";
+            return 2;
+        }
+        config = std::move(*loaded);
+    }
+    auto store = EventStore::open(options.dbPath, error);
+    if (!store) {
+        std::cerr << "zub-collector: " << error << "\n";
+        return 1;
+    }
+
+    CollectorServer server(options, *store, config, log);
+    const int port = server.bind();
+    if (port <= 0) {
+        std::cerr << "zub-collector: cannot listen on " << options.address << ":" << options.port << "\n";
+        store->close();
+        return 1;
+    }
+    zub::Value ready = zub::Value::object();
+    ready["event"] = "listening";
+    ready["address"] = options.address;
+    ready["port"] = port;
+    ready["db"] = options.dbPath;
+    std::printf("%s\n", ready.dump(-1, ' ', false, zub::Value::error_handler_t::replace).c_str());
+    std::fflush(stdout);
+    log.always("zub-collector listening on " + options.address + ":" + std::to_string(port) + ", database " +
+               options.dbPath + (config.empty() ? "" : ", configuration " + options.configPath) +
+               (options.faults.any() ? ", faults on" : ""));
+
+    std::atomic<bool> finished{false};
+    std::thread signalThread([&] {
+        int signal = 0;
+        sigwait(&stopSignals, &signal);
+        if (finished.load()) return;  // woken by main() after serving ended by itself
+        log.always(std::string("received ") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ", stopping");
+        // stop() only acts once the accept loop runs, and must be called once: wait
+        // for the loop if the signal came first.
+        while (!finished.load()) {
+            if (server.running()) {
+                server.stop();
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+
+    const bool served = server.run();
+    finished = true;
+    pthread_kill(signalThread.native_handle(), SIGTERM);  // blocked here: only wakes sigwait
+    signalThread.join();
+
+    store->close();
+    log.always("zub-collector stopped; " + std::to_string(store->storedEvents()) + " events stored this run");
+    zub::Value stopped = zub::Value::object();
+    stopped["event"] = "stopped";
+    stopped["stored"] = store->storedEvents();
+    std::printf("%s\n", stopped.dump().c_str());
+    std::fflush(stdout);
+    return served ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        std::vector<std::string> args(argv + 1, argv + argc);
+        std::string error;
+        const auto line = parseCommandLine(args, error);
+        if (!line) {
+            std::cerr << "zub-collector: " << error << "\n\n" << usageText();
+            return 2;
+        }
+        switch (line->command) {
+            case CommandLine::Command::Help:
+                std::cout << usageText();
+                return 0;
+            case CommandLine::Command::Version:
+                std::cout << "zub-collector " << ZUB_COLLECTOR_VERSION << "\n";
+                return 0;
+            case CommandLine::Command::Stats:
+                return runStats(line->stats, std::cout, std::cerr);
+            case CommandLine::Command::Events:
+                return runEvents(line->events, std::cout, std::cerr);
+            case CommandLine::Command::Serve:
+                return serve(line->serve);
+        }
+    } catch (const std::exception& e) {
+        std::cerr << "zub-collector: " << e.what() << "\n";
+    }
+    return 1;
+}
