@@ -73,6 +73,21 @@ public:
     /// "a.b"); the whole identifier when it has no dot; "" when there is none.
     static std::string getCompanyDomain();
 
+    // ---- network and device probes ----------------------------------------
+    /// "WIFI" when the internet is reachable (status 1), "CellNetwork" for status 2,
+    /// "" otherwise (never absent). Makes and drops its own reachability wrapper.
+    static std::string getNetworkType();
+    /// JSON text {"ss": network name, "bs": base-station address} of the default
+    /// wireless interface, each "Not Found" when absent.
+    static std::string fetchSSIDInfo();
+    /// isFondJBPath(), else isCanAccessUserAppPath().
+    static bool isJailbroken();
+    /// Whether "/Applications/Cydia.app", "/Library/MobileSubstrate/MobileSubstrate.dylib"
+    /// or "/etc/apt" exists (tested in that order, below zub::HostInfo's root).
+    static bool isFondJBPath();
+    /// Whether "/User/Applications" or "/User/Containers/Bundle/Application" exists.
+    static bool isCanAccessUserAppPath();
+
     /// Forms a message as LogDebug does (exposed for the plug-in bridge).
     static std::string formatMessage(std::string_view format, const std::vector<std::string>& args);
 

@@ -1,0 +1,269 @@
+#include "Common/Network/ZUBProReachability.h"
+#include "Common/ZUBProHelper.h"
+#include "Platform/NotificationCenter.h"
+#include "support/ChildProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+using zubtest::ChildProcess;
+
+namespace {
+
+// The helper program in a network namespace of its own, plus `ip` run inside that
+// namespace. The namespace has no name and ends with the helper, also when a test
+// fails half-way.
+class Namespace {
+public:
+    Namespace() : child_({std::string(ZUB_TEST_BIN_DIR) + "/reachability_netns_helper"}) {
+        first_ = child_.readLine().value_or("(no answer)");
+    }
+    ~Namespace() {
+        child_.writeLine("quit");
+        child_.closeInput();
+    }
+    // "" when the namespace is there, else why not.
+    std::string problem() const {
+        if (!child_.started()) return "the helper program did not start";
+        if (first_ == "ready") return "";
+        return first_;
+    }
+    int ip(const std::string& args) {
+        std::vector<std::string> argv{"nsenter", "--net=/proc/" + std::to_string(child_.pid()) + "/ns/net", "ip"};
+        std::size_t pos = 0;
+        while (pos < args.size()) {
+            const auto end = std::min(args.find(' ', pos), args.size());
+            argv.push_back(args.substr(pos, end - pos));
+            pos = end + 1;
+        }
+        return ChildProcess::run(argv);
+    }
+    std::string ask(const std::string& command) {
+        child_.writeLine(command);
+        return child_.readLine().value_or("(no answer)");
+    }
+    std::string next() { return child_.readLine().value_or("(no answer)"); }
+    // Everything the helper still prints until it exits after "quit".
+    std::vector<std::string> finish() {
+        child_.writeLine("quit");
+        child_.closeInput();
+        std::vector<std::string> rest;
+        while (auto line = child_.readLine()) rest.push_back(*line);
+        exitCode_ = child_.wait();
+        return rest;
+    }
+    int exitCode() const { return exitCode_; }
+
+    // A veth pair zv0/zv1, both up, so zv0 has its carrier.
+    bool addLink() {
+        return ip("link add zv0 type veth peer name zv1") == 0 && ip("link set zv0 up") == 0 &&
+               ip("link set zv1 up") == 0;
+    }
+
+private:
+    ChildProcess child_;
+    std::string first_;
+    int exitCode_ = -1;
+};
+
+#define REQUIRE_NAMESPACE(ns)                                                                    \
+    do {                                                                                         \
+        if (!(ns).problem().empty()) GTEST_SKIP() << "network namespace tests need root: " << (ns).problem(); \
+        if (!(ns).addLink()) GTEST_SKIP() << "no veth links can be made in a namespace here";    \
+    } while (0)
+
+sockaddr_in v4(const char* text) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    inet_pton(AF_INET, text, &a.sin_addr);
+    return a;
+}
+
+std::size_t openDescriptors() {
+    std::size_t n = 0;
+    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
+    return n;
+}
+
+}  // namespace
+
+TEST(ZUBProReachability, StatusForFlagsFollowsTheTable) {
+    auto r = ZUBProReachability::reachabilityForInternetConnection();
+    ASSERT_TRUE(r);
+    const struct {
+        std::uint32_t flags;
+        ZUBNetworkStatus status;
+    } table[] = {
+        {0x0, ZUBNetworkNotReachable},          {0x2, ZUBNetworkViaWiFi},
+        {0x2 | 0x4, ZUBNetworkNotReachable},    {0x2 | 0x4 | 0x20, ZUBNetworkViaWiFi},
+        {0x2 | 0x4 | 0x8, ZUBNetworkViaWiFi},   {0x2 | 0x4 | 0x20 | 0x10, ZUBNetworkNotReachable},
+        {0x2 | 0x8 | 0x10, ZUBNetworkViaWiFi},  {0x2 | 0x20000, ZUBNetworkViaWWAN},
+        {0x2 | 0x20000 | 0x4, ZUBNetworkViaWWAN}, {0x20000, ZUBNetworkNotReachable},
+        {0x2 | 0x40000, ZUBNetworkViaWiFi},     {0xFFFFFFFD, ZUBNetworkNotReachable},
+        {0xFFFFFFFF, ZUBNetworkViaWWAN},
+    };
+    for (const auto& row : table) {
+        EXPECT_EQ(r->networkStatusForFlags(row.flags), row.status) << std::hex << "flags 0x" << row.flags;
+    }
+    EXPECT_STREQ(kZUBProReachabilityChangedNotification, "kNetworkReachabilityChangedNotification");
+}
+
+TEST(ZUBProReachability, ConstructorsRefuseWhatHasNoHandle) {
+    EXPECT_FALSE(ZUBProReachability::reachabilityWithAddress(nullptr));
+    sockaddr_un unixAddress{};
+    unixAddress.sun_family = AF_UNIX;
+    EXPECT_FALSE(ZUBProReachability::reachabilityWithAddress(reinterpret_cast<sockaddr*>(&unixAddress)));
+    EXPECT_FALSE(ZUBProReachability::reachabilityWithHostName(""));
+    EXPECT_FALSE(ZUBProReachability::reachabilityWithHostName(std::string("a\0b", 3)));
+
+    auto any = ZUBProReachability::reachabilityForInternetConnection();
+    auto host = ZUBProReachability::reachabilityWithHostName("example.invalid");
+    ASSERT_TRUE(any && host);
+    EXPECT_EQ(any->handle().description(), "address 0.0.0.0");
+    // A name that is not numeric is judged like the internet, never resolved.
+    EXPECT_EQ(host->currentReachabilityStatus(), any->currentReachabilityStatus());
+    // In whatever namespace this runs, the library's answer agrees with the status.
+    const auto status = any->currentReachabilityStatus();
+    const std::string type = ZUBProHelper::getNetworkType();
+    EXPECT_EQ(type, status == 1 ? "WIFI" : status == 2 ? "CellNetwork" : "");
+    EXPECT_FALSE(any->connectionRequired());
+}
+
+TEST(ZUBProReachability, ProbesLeaveNoDescriptorBehind) {
+    // Warm up once-only allocations (the notification centre, libnl's caches).
+    ZUBProHelper::getNetworkType();
+    ZUBProHelper::fetchSSIDInfo();
+    const std::size_t before = openDescriptors();
+    const sockaddr_in loopback = v4("127.0.0.1");
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_NE(ZUBProHelper::getNetworkType(), "(never)");
+        auto r = ZUBProReachability::reachabilityWithAddress(reinterpret_cast<const sockaddr*>(&loopback));
+        ASSERT_TRUE(r);
+        r->currentReachabilityStatus();
+        r->connectionRequired();
+        ZUBProHelper::fetchSSIDInfo();
+        ZUBProHelper::isJailbroken();
+        if (i % 10 == 0) {
+            ASSERT_TRUE(r->startNotifier());
+            r->stopNotifier();
+            ASSERT_TRUE(r->startNotifier());  // destroyed while running
+        }
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(ZUBProReachabilityNetns, StatusFollowsDefaultRouteAndCarrier) {
+    Namespace ns;
+    if (!ns.problem().empty()) GTEST_SKIP() << "network namespace tests need root: " << ns.problem();
+    EXPECT_EQ(ns.ask("status"), "status 0 type - conn 0");
+    ASSERT_TRUE(ns.addLink()) << "no veth links in a namespace here";
+    EXPECT_EQ(ns.ask("status"), "status 0 type - conn 0") << "links without a default route";
+
+    ASSERT_EQ(ns.ip("route add default dev zv0"), 0);
+    EXPECT_EQ(ns.ask("status"), "status 1 type WIFI conn 0");
+    ASSERT_EQ(ns.ip("link set zv1 down"), 0);
+    EXPECT_EQ(ns.ask("status"), "status 0 type - conn 0") << "the route's link lost its carrier";
+    ASSERT_EQ(ns.ip("link set zv1 up"), 0);
+    EXPECT_EQ(ns.ask("status"), "status 1 type WIFI conn 0");
+    ASSERT_EQ(ns.ip("route del default dev zv0"), 0);
+    EXPECT_EQ(ns.ask("status"), "status 0 type - conn 0");
+
+    // IPv6 alone is enough.
+    ASSERT_EQ(ns.ip("-6 route add default dev zv0"), 0);
+    EXPECT_EQ(ns.ask("status"), "status 1 type WIFI conn 0");
+    ASSERT_EQ(ns.ip("-6 route del default dev zv0"), 0);
+    EXPECT_EQ(ns.ask("status"), "status 0 type - conn 0");
+
+    // A default route on the loopback interface reaches nothing outside.
+    ASSERT_EQ(ns.ip("link set lo up"), 0);
+    ASSERT_EQ(ns.ip("route add default dev lo"), 0);
+    EXPECT_EQ(ns.ask("status"), "status 0 type - conn 0");
+    ns.finish();
+    EXPECT_EQ(ns.exitCode(), 0);
+}
+
+TEST(ZUBProReachabilityNetns, AddressTargetsUseTheKernelsRouteLookup) {
+    Namespace ns;
+    REQUIRE_NAMESPACE(ns);
+    EXPECT_EQ(ns.ask("address 127.0.0.1"), "address 0") << "loopback is down in a fresh namespace";
+    ASSERT_EQ(ns.ip("link set lo up"), 0);
+    // Local addresses are reachable and direct, which the status table reports as 2.
+    EXPECT_EQ(ns.ask("address 127.0.0.1"), "address 2");
+    EXPECT_EQ(ns.ask("host localhost"), "host 2");
+    EXPECT_EQ(ns.ask("address 198.51.100.7"), "address 0");
+
+    ASSERT_EQ(ns.ip("addr add 198.51.100.1/24 dev zv0"), 0);
+    EXPECT_EQ(ns.ask("address 198.51.100.7"), "address 2") << "on the link: direct";
+    EXPECT_EQ(ns.ask("address 203.0.113.5"), "address 0") << "no route yet";
+    EXPECT_EQ(ns.ask("host example.invalid"), "host 0");
+    ASSERT_EQ(ns.ip("route add default via 198.51.100.254 dev zv0"), 0);
+    EXPECT_EQ(ns.ask("address 203.0.113.5"), "address 1") << "through a gateway";
+    EXPECT_EQ(ns.ask("host 203.0.113.5"), "host 1");
+    EXPECT_EQ(ns.ask("host example.invalid"), "host 1");
+    EXPECT_EQ(ns.ask("address 0.0.0.0"), "address 1");
+    EXPECT_EQ(ns.ask("address ::"), "address 1") << "any-address of IPv6 is the internet too";
+    ns.finish();
+    EXPECT_EQ(ns.exitCode(), 0);
+}
+
+TEST(ZUBProReachabilityNetns, NotifierPostsWhenTheRouteComesAndGoes) {
+    Namespace ns;
+    REQUIRE_NAMESPACE(ns);
+    ASSERT_EQ(ns.ask("start"), "started 1");
+    ASSERT_EQ(ns.ip("route add default dev zv0"), 0);
+    EXPECT_EQ(ns.next(), "notify 1 1");
+    ASSERT_EQ(ns.ip("link set zv1 down"), 0);
+    EXPECT_EQ(ns.next(), "notify 0 1");
+    ASSERT_EQ(ns.ip("link set zv1 up"), 0);
+    EXPECT_EQ(ns.next(), "notify 1 1");
+    ASSERT_EQ(ns.ip("route del default dev zv0"), 0);
+    EXPECT_EQ(ns.next(), "notify 0 1");
+    // Changes that leave the status as it is post nothing: the next line answers the query.
+    ASSERT_EQ(ns.ip("addr add 198.51.100.1/24 dev zv0"), 0);
+    EXPECT_EQ(ns.ask("status"), "status 0 type - conn 0");
+
+    EXPECT_EQ(ns.ask("stop"), "stopped");
+    ASSERT_EQ(ns.ip("route add default dev zv0"), 0);
+    EXPECT_EQ(ns.ask("status"), "status 1 type WIFI conn 0");
+    const auto rest = ns.finish();
+    EXPECT_TRUE(rest.empty()) << "posted after stopNotifier: " << rest.front();
+    EXPECT_EQ(ns.exitCode(), 0);
+}
+
+TEST(ZUBProReachabilityConcurrency, NotifierStartStopRacesWithRouteChangesAndPosts) {
+    Namespace ns;
+    REQUIRE_NAMESPACE(ns);
+    ASSERT_EQ(ns.ask("churn"), "churning");
+    for (int i = 0; i < 15; ++i) {
+        ASSERT_EQ(ns.ip("route add default dev zv0"), 0);
+        ASSERT_EQ(ns.ip("route del default dev zv0"), 0);
+    }
+    const std::string calm = ns.ask("calm");
+    long cycles = 0, seen = 0;
+    ASSERT_EQ(std::sscanf(calm.c_str(), "calm %ld %ld", &cycles, &seen), 2) << calm;
+    EXPECT_GT(cycles, 0);
+    EXPECT_GT(seen, 0);
+    ns.finish();
+    EXPECT_EQ(ns.exitCode(), 0) << "the helper failed (a sanitizer report is on standard error)";
+}
+
+TEST(ZUBProReachabilityConcurrency, StatusQueriesFromManyThreads) {
+    std::vector<std::thread> threads;
+    std::atomic<int> agree{0};
+    const std::string expected = ZUBProHelper::getNetworkType();
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 25; ++i) {
+                if (ZUBProHelper::getNetworkType() == expected) ++agree;
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(agree.load(), 100);
+}

@@ -1,0 +1,149 @@
+#include "support/ChildProcess.h"
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace zubtest {
+namespace {
+
+std::vector<char*> argvPointers(const std::vector<std::string>& argv) {
+    std::vector<char*> out;
+    for (const auto& a : argv) out.push_back(const_cast<char*>(a.c_str()));
+    out.push_back(nullptr);
+    return out;
+}
+
+int decodeStatus(int status) {
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return -1;
+}
+
+int reap(pid_t pid) {
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    return decodeStatus(status);
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
+    if (argv.empty()) return;
+    int toChild[2], fromChild[2];
+    if (::pipe2(toChild, O_CLOEXEC) != 0) return;
+    if (::pipe2(fromChild, O_CLOEXEC) != 0) {
+        ::close(toChild[0]);
+        ::close(toChild[1]);
+        return;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, toChild[0], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, fromChild[1], STDOUT_FILENO);
+    auto args = argvPointers(argv);
+    pid_t pid = -1;
+    const int rc = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(toChild[0]);
+    ::close(fromChild[1]);
+    if (rc != 0) {
+        ::close(toChild[1]);
+        ::close(fromChild[0]);
+        return;
+    }
+    pid_ = pid;
+    in_ = toChild[1];
+    out_ = fromChild[0];
+    // A child that dies must not kill the test with SIGPIPE on the next write.
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+ChildProcess::~ChildProcess() {
+    closeInput();
+    if (pid_ > 0 && !status_) {
+        ::kill(pid_, SIGKILL);
+        status_ = reap(pid_);
+    }
+    if (out_ >= 0) ::close(out_);
+}
+
+bool ChildProcess::writeLine(const std::string& line) {
+    if (in_ < 0) return false;
+    const std::string data = line + "\n";
+    std::size_t done = 0;
+    while (done < data.size()) {
+        const ssize_t n = ::write(in_, data.data() + done, data.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        const auto nl = buffer_.find('\n');
+        if (nl != std::string::npos) {
+            std::string line = buffer_.substr(0, nl);
+            buffer_.erase(0, nl + 1);
+            return line;
+        }
+        if (out_ < 0) return std::nullopt;
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return std::nullopt;
+        pollfd p{out_, POLLIN, 0};
+        const int ready = ::poll(&p, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) return std::nullopt;
+        char chunk[4096];
+        const ssize_t n = ::read(out_, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            ::close(out_);
+            out_ = -1;
+            continue;  // hand out what is buffered, if a complete line is there
+        }
+        buffer_.append(chunk, static_cast<std::size_t>(n));
+    }
+}
+
+void ChildProcess::closeInput() {
+    if (in_ >= 0) {
+        ::close(in_);
+        in_ = -1;
+    }
+}
+
+int ChildProcess::wait() {
+    if (pid_ <= 0) return -1;
+    if (!status_) status_ = reap(pid_);
+    return *status_;
+}
+
+int ChildProcess::run(const std::vector<std::string>& argv) {
+    if (argv.empty()) return -1;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    auto args = argvPointers(argv);
+    pid_t pid = -1;
+    const int rc = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) return -1;
+    return reap(pid);
+}
+
+}  // namespace zubtest
