@@ -1,0 +1,188 @@
+#include "Platform/AtomicFile.h"
+
+#include <atomic>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace zub {
+namespace {
+
+std::atomic<FileSystem*> installed{nullptr};
+
+bool writeAll(int fd, const std::uint8_t* data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t n = ::write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data += n;
+        size -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+std::string parentOf(const std::string& path) {
+    const auto slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+class PosixFileSystem final : public FileSystem {
+public:
+    std::optional<Data> readFile(const std::string& path, int& error) override {
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            error = errno;
+            return std::nullopt;
+        }
+        Data out;
+        struct stat st {};
+        if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) {
+            out.reserve(static_cast<std::size_t>(st.st_size));
+        }
+        std::uint8_t buffer[65536];
+        for (;;) {
+            const ssize_t n = ::read(fd, buffer, sizeof buffer);
+            if (n < 0) {
+                if (errno == EINTR) continue;
+                error = errno;
+                ::close(fd);
+                return std::nullopt;
+            }
+            if (n == 0) break;
+            out.insert(out.end(), buffer, buffer + n);
+        }
+        ::close(fd);
+        error = 0;
+        return out;
+    }
+
+    bool writeFileAtomically(const std::string& path, const Data& data, unsigned mode, int& error) override {
+        const std::string dir = parentOf(path);
+        std::string base = path.substr(path.rfind('/') == std::string::npos ? 0 : path.rfind('/') + 1);
+        if (base.size() > 200) base.resize(200);  // keep the temporary name within NAME_MAX
+        std::string temp = dir + "/." + base + ".tmp-XXXXXX";
+        const int fd = ::mkostemp(temp.data(), O_CLOEXEC);
+        if (fd < 0) {
+            error = errno;
+            return false;
+        }
+        auto fail = [&](int e) {
+            error = e;
+            ::close(fd);
+            ::unlink(temp.c_str());
+            return false;
+        };
+        if (::fchmod(fd, static_cast<mode_t>(mode)) != 0) return fail(errno);
+        if (!writeAll(fd, data.data(), data.size())) return fail(errno);
+        if (::fsync(fd) != 0) return fail(errno);
+        if (::close(fd) != 0) {
+            error = errno;
+            ::unlink(temp.c_str());
+            return false;
+        }
+        if (::rename(temp.c_str(), path.c_str()) != 0) {
+            error = errno;
+            ::unlink(temp.c_str());
+            return false;
+        }
+        // Make the rename itself durable.
+        const int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (dfd >= 0) {
+            ::fsync(dfd);
+            ::close(dfd);
+        }
+        error = 0;
+        return true;
+    }
+
+    bool createDirectories(const std::string& path, unsigned mode, int& error) override {
+        if (path.empty()) {
+            error = ENOENT;
+            return false;
+        }
+        struct stat st {};
+        if (::stat(path.c_str(), &st) == 0) {
+            error = S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+            return S_ISDIR(st.st_mode);
+        }
+        // Walk down from the first component, creating what is missing.
+        std::size_t pos = 0;
+        while (pos != std::string::npos) {
+            pos = path.find('/', pos + 1);
+            const std::string part = path.substr(0, pos);
+            if (part.empty() || part == "/") continue;
+            if (::mkdir(part.c_str(), static_cast<mode_t>(mode)) == 0) {
+                ::chmod(part.c_str(), static_cast<mode_t>(mode));  // exact mode, whatever the umask
+            } else if (errno != EEXIST) {
+                error = errno;
+                return false;
+            }
+        }
+        if (::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+            error = ENOTDIR;
+            return false;
+        }
+        error = 0;
+        return true;
+    }
+
+    bool removeFile(const std::string& path, int& error) override {
+        if (::unlink(path.c_str()) == 0 || errno == ENOENT) {
+            error = 0;
+            return true;
+        }
+        error = errno;
+        return false;
+    }
+};
+
+}  // namespace
+
+FileSystem& FileSystem::posix() {
+    static auto* fs = new PosixFileSystem();  // never destroyed
+    return *fs;
+}
+
+FileSystem& AtomicFile::current() {
+    FileSystem* fs = installed.load(std::memory_order_acquire);
+    return fs != nullptr ? *fs : FileSystem::posix();
+}
+
+void AtomicFile::install(FileSystem* fileSystem) {
+    installed.store(fileSystem, std::memory_order_release);
+}
+
+std::optional<Data> AtomicFile::read(const std::string& path, int* error) {
+    int e = 0;
+    auto out = current().readFile(path, e);
+    if (error != nullptr) *error = e;
+    return out;
+}
+
+bool AtomicFile::write(const std::string& path, const Data& data, unsigned mode, int* error) {
+    int e = 0;
+    const bool ok = current().writeFileAtomically(path, data, mode, e);
+    if (error != nullptr) *error = e;
+    return ok;
+}
+
+bool AtomicFile::createDirectories(const std::string& path, unsigned mode, int* error) {
+    int e = 0;
+    const bool ok = current().createDirectories(path, mode, e);
+    if (error != nullptr) *error = e;
+    return ok;
+}
+
+bool AtomicFile::remove(const std::string& path, int* error) {
+    int e = 0;
+    const bool ok = current().removeFile(path, e);
+    if (error != nullptr) *error = e;
+    return ok;
+}
+
+}  // namespace zub

@@ -1,0 +1,245 @@
+#include "Common/DeviceID/ZUBProOpenUDID.h"
+#include "Platform/Digest.h"
+#include "Platform/UserDefaults.h"
+#include "support/LogCapture.h"
+#include "support/ManualClock.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <latch>
+#include <random>
+#include <regex>
+#include <set>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+using zub::Pasteboard;
+using zub::Value;
+
+namespace {
+
+const std::string kA = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
+const std::string kB = "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb";
+
+std::string slotName(int n) {
+    return "org.OpenUDID.slot." + std::to_string(n);
+}
+
+void putSlot(int n, const Value& dict) {
+    auto pb = Pasteboard::pasteboardWithName(slotName(n));
+    ASSERT_TRUE(pb);
+    ZUBProOpenUDID::_setDict(dict, *pb);
+}
+
+Value readSlot(int n) {
+    auto pb = Pasteboard::existingPasteboardWithName(slotName(n));
+    return pb ? ZUBProOpenUDID::_getDictFromPasteboard(*pb) : Value();
+}
+
+Value slotRecord(const std::string& oid, const std::string& app) {
+    return Value{{"OpenUDID", oid}, {"OpenUDID_appUID", app}, {"OpenUDID_createdTS", 1.6e9}};
+}
+
+bool isOpenUDID(const std::string& s) {
+    return std::regex_match(s, std::regex("[0-9a-f]{40}"));
+}
+
+zub::UserDefaults& defaults() {
+    return zub::UserDefaults::standard();
+}
+
+}  // namespace
+
+TEST(ZUBProOpenUDID, FirstCallOnAnEmptyDeviceCreatesRecordAndClaimsSlotZero) {
+    zubtest::ManualClock clock;
+    ZUBProOpenUDIDError error;
+    const std::string id = ZUBProOpenUDID::valueWithError(&error);
+    EXPECT_TRUE(isOpenUDID(id)) << id;
+    EXPECT_EQ(error.domain, "org.OpenUDID");
+    EXPECT_EQ(error.code, 0);
+    EXPECT_EQ(error.description(), "OpenUDID succesfully retrieved");
+
+    const auto record = defaults().objectForKey("OpenUDID");
+    ASSERT_TRUE(record);
+    EXPECT_EQ((*record)["OpenUDID"], id);
+    EXPECT_EQ((*record)["OpenUDID_slot"], slotName(0));
+    EXPECT_EQ((*record)["OpenUDID_createdTS"], 1.7e9);
+    EXPECT_EQ((*record)["OpenUDID_appUID"].get<std::string>().size(), 36u);
+    EXPECT_FALSE(defaults().objectForKey("OpenUDID_appUID")) << "the fresh application id stays in the record";
+    EXPECT_EQ(readSlot(0), *record);
+    EXPECT_FALSE(Pasteboard::existingPasteboardWithName(slotName(1)));
+
+    ZUBProOpenUDIDError second;
+    EXPECT_EQ(ZUBProOpenUDID::valueWithError(&second), id);
+    EXPECT_EQ(second.code, 0);
+    EXPECT_EQ(second.description(), "OpenUDID in cache from first call");
+    EXPECT_EQ(ZUBProOpenUDID::value(), id);
+
+    // Fresh identifiers: 32 digits of an MD5 and 8 of a random number, all distinct.
+    std::set<std::string> fresh;
+    for (int i = 0; i < 50; ++i) {
+        const std::string f = ZUBProOpenUDID::_generateFreshOpenUDID();
+        EXPECT_TRUE(isOpenUDID(f)) << f;
+        fresh.insert(f);
+    }
+    EXPECT_EQ(fresh.size(), 50u);
+}
+
+TEST(ZUBProOpenUDID, MostFrequentSlotIdentifierWinsAndGarbageCountsAsFree) {
+    {
+        auto pb = Pasteboard::pasteboardWithName(slotName(0));
+        ASSERT_TRUE(pb);
+        ASSERT_TRUE(pb->setData(zub::Data{0xde, 0xad, 0xbe, 0xef}, "org.OpenUDID"));
+    }
+    putSlot(1, slotRecord(kB, "app-1"));
+    putSlot(2, slotRecord(kA, "app-2"));
+    putSlot(3, slotRecord(kA, "app-3"));
+    putSlot(4, slotRecord(kA, "app-4"));
+
+    zubtest::LogCapture log;
+    ZUBProOpenUDIDError error;
+    EXPECT_EQ(ZUBProOpenUDID::valueWithError(&error), kA);
+    EXPECT_EQ(error.code, 0);
+    EXPECT_TRUE(log.contains("KeyedUnarchiver")) << "the unreadable slot is logged";
+
+    // The unreadable slot was the first free one: it now mirrors the new record.
+    const auto record = defaults().objectForKey("OpenUDID");
+    ASSERT_TRUE(record);
+    EXPECT_EQ((*record)["OpenUDID"], kA);
+    EXPECT_EQ((*record)["OpenUDID_slot"], slotName(0));
+    EXPECT_EQ(readSlot(0), *record);
+    EXPECT_EQ(readSlot(1)["OpenUDID"], kB) << "other applications' slots are left alone";
+}
+
+TEST(ZUBProOpenUDID, LocalRecordWinsOverSlotsButReportsTheDiscrepancy) {
+    defaults().setObject("OpenUDID", Value{{"OpenUDID", kB}, {"OpenUDID_appUID", "mine"}});
+    putSlot(0, slotRecord(kA, "x"));
+    putSlot(1, slotRecord(kA, "y"));
+    ZUBProOpenUDIDError error;
+    EXPECT_EQ(ZUBProOpenUDID::valueWithError(&error), kB);
+    EXPECT_EQ(error.code, 2);
+    EXPECT_EQ(error.description(),
+              "Found a discrepancy between stored OpenUDID (reliable) and redundant copies; one of the apps on the "
+              "device is most likely corrupting the OpenUDID protocol");
+    // Slot 2 was free and the record named no slot: it is claimed with the local identifier.
+    EXPECT_EQ(readSlot(2)["OpenUDID"], kB);
+    EXPECT_EQ((*defaults().objectForKey("OpenUDID"))["OpenUDID_slot"], slotName(2));
+}
+
+TEST(ZUBProOpenUDID, OptOutGivesZerosUntilOptedInAgain) {
+    zubtest::ManualClock clock;
+    const std::string id = ZUBProOpenUDID::value();
+    ZUBProOpenUDID::setOptOut(true);
+    EXPECT_EQ((*defaults().objectForKey("OpenUDID"))["OpenUDID_optOutTS"], 1.7e9);
+
+    ZUBProOpenUDIDError error;
+    EXPECT_EQ(ZUBProOpenUDID::valueWithError(&error), std::string(40, '0'));
+    EXPECT_EQ(error.code, 1);
+    EXPECT_TRUE(std::regex_match(error.description(),
+                                 std::regex("Application with unique id [0-9A-F-]{36} is opted-out from OpenUDID as "
+                                            "of 2023-11-14 22:13:20 \\+0000")))
+        << error.description();
+    EXPECT_EQ(ZUBProOpenUDID::value(), std::string(40, '0')) << "cached";
+
+    ZUBProOpenUDID::setOptOut(false);
+    EXPECT_FALSE(defaults().objectForKey("OpenUDID")->contains("OpenUDID_optOutTS"));
+    EXPECT_EQ(ZUBProOpenUDID::valueWithError(&error), id);
+    EXPECT_EQ(error.code, 0);
+}
+
+TEST(ZUBProOpenUDID, OwnSlotCanClearAnOptOut) {
+    defaults().setObject("OpenUDID_appUID", "app-1");
+    defaults().setObject("OpenUDID", Value{{"OpenUDID", kA},
+                                           {"OpenUDID_appUID", "app-1"},
+                                           {"OpenUDID_slot", slotName(0)},
+                                           {"OpenUDID_optOutTS", 1.6e9}});
+    putSlot(0, slotRecord(kA, "app-1"));  // no opt-out date in this application's slot
+    ZUBProOpenUDIDError error;
+    EXPECT_EQ(ZUBProOpenUDID::valueWithError(&error), kA);
+    EXPECT_EQ(error.code, 0);
+}
+
+TEST(ZUBProOpenUDID, OwnSlotNeverCreatesAnOptOutAndADifferentFreeSlotIsNotClaimed) {
+    const Value record{{"OpenUDID", kA}, {"OpenUDID_appUID", "app-1"}, {"OpenUDID_slot", slotName(2)}};
+    defaults().setObject("OpenUDID_appUID", "app-1");
+    defaults().setObject("OpenUDID", record);
+    ASSERT_TRUE(defaults().synchronize());
+    putSlot(0, slotRecord(kA, "other"));
+    Value mine = slotRecord(kA, "app-1");
+    mine["OpenUDID_optOutTS"] = 1.6e9;
+    putSlot(2, mine);
+
+    ZUBProOpenUDIDError error;
+    EXPECT_EQ(ZUBProOpenUDID::valueWithError(&error), kA);
+    EXPECT_EQ(error.code, 0);
+    EXPECT_FALSE(Pasteboard::existingPasteboardWithName(slotName(1))) << "slot 1 is free but not ours";
+    EXPECT_EQ(*defaults().objectForKey("OpenUDID"), record) << "the record is not re-saved";
+    EXPECT_EQ(readSlot(2), mine);
+}
+
+namespace {
+
+std::string oidFor(std::int64_t seq) {
+    const std::string text = std::to_string(seq);
+    return zub::Digest::hex(zub::Digest::sha1(text.data(), text.size()));
+}
+
+}  // namespace
+
+TEST(ZUBProOpenUDID, SigkillWhileWritingASlotLeavesOldOrNewContent) {
+    const std::string slot = slotName(7);
+    std::mt19937 rng(7);
+    std::int64_t lastSeq = 0;
+    for (int round = 0; round < 210; ++round) {
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            auto pb = Pasteboard::pasteboardWithName(slot);
+            std::int64_t seq = lastSeq;
+            for (;;) {
+                ++seq;
+                Value dict = slotRecord(oidFor(seq), std::string(1000 + seq % 500, 'p'));
+                dict["seq"] = seq;
+                ZUBProOpenUDID::_setDict(dict, *pb);
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(rng() % 8000));  // a random kill moment
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+
+        auto pb = Pasteboard::existingPasteboardWithName(slot);
+        if (!pb || !pb->dataForType("org.OpenUDID")) {
+            ASSERT_EQ(lastSeq, 0) << "a written slot never disappears";
+            continue;
+        }
+        const Value dict = ZUBProOpenUDID::_getDictFromPasteboard(*pb);
+        ASSERT_TRUE(dict.contains("seq")) << "round " << round << ": the slot must always decode";
+        const std::int64_t seq = dict["seq"].get<std::int64_t>();
+        ASSERT_GE(seq, lastSeq);
+        ASSERT_EQ(dict["OpenUDID"], oidFor(seq));
+        ASSERT_EQ(dict["OpenUDID_appUID"].get<std::string>().size(), 1000u + seq % 500);
+        lastSeq = seq;
+    }
+    EXPECT_GT(lastSeq, 20) << "the writers made progress, so kills landed among writes";
+}
+
+TEST(ZUBProOpenUDIDConcurrency, ConcurrentFirstCallsAgreeAndWriteOneSlot) {
+    constexpr int kThreads = 8;
+    std::latch start(kThreads);
+    std::vector<std::string> seen(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            start.arrive_and_wait();
+            seen[t] = ZUBProOpenUDID::value();
+        });
+    }
+    for (auto& th : threads) th.join();
+    for (const auto& s : seen) EXPECT_EQ(s, seen[0]);
+    EXPECT_TRUE(isOpenUDID(seen[0]));
+    EXPECT_EQ(readSlot(0)["OpenUDID"], seen[0]);
+    EXPECT_FALSE(Pasteboard::existingPasteboardWithName(slotName(1)));
+}

@@ -1,0 +1,106 @@
+#include "Platform/Paths.h"
+#include "Platform/Pasteboard.h"
+#include "support/TempHome.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using zub::Pasteboard;
+
+namespace {
+
+unsigned modeOf(const std::string& path) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) return 0;
+    return st.st_mode & 07777;
+}
+
+zub::Data bytes(const std::string& s) {
+    return zub::Data(s.begin(), s.end());
+}
+
+}  // namespace
+
+TEST(Pasteboard, NamedTypedBlobsUnderTheUsersDataDirectory) {
+    EXPECT_EQ(Pasteboard::rootDirectory(), zub::Paths::dataHome() + "/ZUBCocoa/pasteboards");
+    EXPECT_EQ(Pasteboard::rootDirectory().rfind(zubtest::TempHome::path().string() + "/", 0), 0u);
+    EXPECT_FALSE(Pasteboard::existingPasteboardWithName("org.OpenUDID.slot.3"));
+
+    auto pb = Pasteboard::pasteboardWithName("org.OpenUDID.slot.3");
+    ASSERT_TRUE(pb);
+    EXPECT_EQ(pb->directory(), Pasteboard::rootDirectory() + "/org.OpenUDID.slot.3");
+    EXPECT_TRUE(Pasteboard::existingPasteboardWithName("org.OpenUDID.slot.3"));
+    EXPECT_FALSE(pb->dataForType("org.OpenUDID"));
+    EXPECT_TRUE(pb->types().empty());
+
+    ASSERT_TRUE(pb->setData(bytes("one"), "org.OpenUDID"));
+    ASSERT_TRUE(pb->setData(bytes("two"), "public.text"));
+    EXPECT_EQ(modeOf(pb->directory()), 0700u);
+    EXPECT_EQ(modeOf(pb->directory() + "/org.OpenUDID"), 0600u);
+
+    // Another handle (as another application would make) sees the same blobs.
+    auto other = Pasteboard::existingPasteboardWithName("org.OpenUDID.slot.3");
+    ASSERT_TRUE(other);
+    EXPECT_EQ(other->dataForType("org.OpenUDID"), bytes("one"));
+    auto types = other->types();
+    std::sort(types.begin(), types.end());
+    EXPECT_EQ(types, (std::vector<std::string>{"org.OpenUDID", "public.text"}));
+    ASSERT_TRUE(other->setData(bytes("replaced"), "org.OpenUDID"));
+    EXPECT_EQ(pb->dataForType("org.OpenUDID"), bytes("replaced"));
+
+    EXPECT_TRUE(pb->clearContents());
+    EXPECT_FALSE(other->dataForType("org.OpenUDID"));
+    EXPECT_TRUE(Pasteboard::existingPasteboardWithName("org.OpenUDID.slot.3")) << "clearing keeps the pasteboard";
+    EXPECT_TRUE(pb->releaseGlobally());
+    EXPECT_FALSE(Pasteboard::existingPasteboardWithName("org.OpenUDID.slot.3"));
+    EXPECT_TRUE(other->setData(bytes("again"), "t")) << "a stale handle recreates its pasteboard";
+}
+
+TEST(Pasteboard, AnyNameOrTypeMapsToOneEntryInsideTheRoot) {
+    for (const std::string name : {"../escape", "a/b", "", ".", "..", ".hidden", "100%", "sp ace\n"}) {
+        SCOPED_TRACE(name);
+        const std::string encoded = Pasteboard::encodeComponent(name);
+        EXPECT_EQ(encoded.find('/'), std::string::npos);
+        EXPECT_NE(encoded[0], '.');
+        EXPECT_EQ(Pasteboard::decodeComponent(encoded), name);
+        auto pb = Pasteboard::pasteboardWithName(name);
+        ASSERT_TRUE(pb);
+        ASSERT_TRUE(pb->setData(bytes(name), name));
+        EXPECT_EQ(pb->dataForType(name), bytes(name));
+        EXPECT_EQ(pb->types(), std::vector<std::string>{name});
+    }
+    EXPECT_FALSE(Pasteboard::decodeComponent("%4"));
+    EXPECT_FALSE(Pasteboard::decodeComponent("%zz"));
+}
+
+TEST(Pasteboard, TwoProcessesWritingAtOnceLeaveOneWholeBlob) {
+    auto pb = Pasteboard::pasteboardWithName("shared.board");
+    ASSERT_TRUE(pb);
+    const std::string a(300000, 'a');
+    const std::string b(200000, 'b');
+    for (int round = 0; round < 10; ++round) {
+        pid_t children[2];
+        for (int i = 0; i < 2; ++i) {
+            children[i] = ::fork();
+            ASSERT_GE(children[i], 0);
+            if (children[i] == 0) {
+                const zub::Data mine = bytes(i == 0 ? a : b);
+                bool ok = true;
+                for (int k = 0; k < 20; ++k) ok = pb->setData(mine, "blob") && ok;
+                ::_exit(ok ? 0 : 1);
+            }
+        }
+        for (pid_t child : children) {
+            int status = 0;
+            ASSERT_EQ(::waitpid(child, &status, 0), child);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        }
+        auto blob = pb->dataForType("blob");
+        ASSERT_TRUE(blob);
+        EXPECT_TRUE(*blob == bytes(a) || *blob == bytes(b)) << "round " << round << ": size " << blob->size();
+        EXPECT_EQ(pb->types(), std::vector<std::string>{"blob"}) << "no temporary file is left behind";
+    }
+}
