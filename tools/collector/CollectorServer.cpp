@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <memory>
 #include <thread>
 
 namespace zubcollector {
@@ -26,6 +27,22 @@ std::string oneLine(std::string text) {
         if (c == '\n' || c == '\r') c = ' ';
     }
     return text;
+}
+
+// Answers with `res`'s body and then closes the connection. Used when part of the
+// request body stays unread: those bytes must not be taken for a next request.
+// The server closes a connection when writing a response fails, so the body is
+// written through a provider that reports failure once it has written everything.
+void answerAndClose(httplib::Response& res) {
+    res.set_header("Connection", "close");
+    auto body = std::make_shared<std::string>(std::move(res.body));
+    res.body.clear();
+    const std::string type = res.get_header_value("Content-Type");
+    res.set_content_provider(body->size(), type.empty() ? "application/octet-stream" : type,
+                             [body](std::size_t, std::size_t, httplib::DataSink& sink) {
+                                 sink.write(body->data(), body->size());
+                                 return false;
+                             });
 }
 
 }  // namespace
@@ -75,7 +92,7 @@ CollectorServer::CollectorServer(const ServeOptions& options, EventStore& store,
     server_.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
     server_.set_tcp_nodelay(true);
     server_.set_keep_alive_max_count(1000);
-    server_.set_keep_alive_timeout(5);
+    server_.set_keep_alive_timeout(options.keepAliveSeconds);
     server_.set_read_timeout(10);
     // A client announcing a body over the limit is refused before it sends it.
     server_.set_expect_100_continue_handler([this](const httplib::Request& req, httplib::Response& res) {
@@ -90,7 +107,7 @@ CollectorServer::CollectorServer(const ServeOptions& options, EventStore& store,
             replyError(res, entry, kRetTooLarge,
                        "body of " + length + " bytes is over the limit of " + std::to_string(options_.maxBodyBytes));
             res.status = 413;
-            res.set_header("Connection", "close");
+            answerAndClose(res);
             log_.write(entry.line(res.status));
             return 413;
         }
@@ -133,7 +150,12 @@ void CollectorServer::handle(Route route, const httplib::Request& req, httplib::
     entry.encoding = req.get_header_value("Content-Encoding");
     try {
         zub::Data body;
-        if (readBody(req, reader, body, res, entry)) {
+        if (entry.encoding != "rc4" && entry.encoding != "rc4,gzip" && !entry.encoding.empty()) {
+            // Refused unread: the HTTP layer would otherwise try to undo a "gzip",
+            // "deflate" or "br" encoding itself.
+            replyError(res, entry, kRetBadWrapping, "unknown Content-Encoding \"" + entry.encoding + "\"");
+            answerAndClose(res);
+        } else if (readBody(req, reader, body, res, entry)) {
             if (!takeFault(route) || !applyFault(res, entry)) {
                 if (route == Route::Report) {
                     handleReport(req, std::move(body), res, entry);
@@ -156,8 +178,7 @@ bool CollectorServer::readBody(const httplib::Request& req, const httplib::Conte
     auto refuse = [&](const std::string& why) {
         replyError(res, entry, kRetTooLarge, why);
         res.status = 413;
-        // The rest of the body stays unread, so the connection cannot carry another request.
-        res.set_header("Connection", "close");
+        answerAndClose(res);
         return false;
     };
     const std::string length = req.get_header_value("Content-Length");
@@ -184,7 +205,7 @@ bool CollectorServer::readBody(const httplib::Request& req, const httplib::Conte
     if (!complete) {
         replyError(res, entry, kRetBadWrapping, "the body could not be read");
         res.status = 400;
-        res.set_header("Connection", "close");
+        answerAndClose(res);
         return false;
     }
     return true;

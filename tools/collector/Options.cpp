@@ -193,6 +193,7 @@ std::optional<CommandLine> parseCommandLine(const std::vector<std::string>& args
             reader.option("--db", text(o.dbPath));
             reader.option("--config", text(o.configPath));
             reader.option("--threads", number<std::size_t>(o.threads, 1, 1024));
+            reader.option("--keep-alive", number<int>(o.keepAliveSeconds, 1, 3600));
             reader.option("--max-body", number<std::size_t>(o.maxBodyBytes, 1, std::size_t{1} << 31));
             reader.option("--max-plain", number<std::size_t>(o.maxPlainBytes, 1, std::size_t{1} << 31));
             reader.flag("--quiet", [&o] { o.quiet = true; });
@@ -270,6 +271,7 @@ std::string usageText() {
            "    --db PATH             SQLite database (default ./zub-collector.db)\n"
            "    --config FILE         online configuration to hand out: {\"sdk\": {\"v\",\"c\"[,\"m\"]}, \"app\": {...}}\n"
            "    --threads N           request threads (default 32)\n"
+           "    --keep-alive SECONDS  close connections idle this long (default 1)\n"
            "    --max-body BYTES      refuse larger request bodies (default 4194304)\n"
            "    --max-plain BYTES     refuse bodies that inflate beyond this (default 33554432)\n"
            "    --quiet               no per-request log lines\n"

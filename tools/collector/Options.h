@@ -34,6 +34,9 @@ struct ServeOptions {
     std::string dbPath = "zub-collector.db";
     std::string configPath;      // online configuration file; none when empty
     std::size_t threads = 32;    // request threads (each kept-alive connection holds one)
+    // How long an idle connection is kept open; also bounds how long a stop waits
+    // for idle clients.
+    int keepAliveSeconds = 1;
     std::size_t maxBodyBytes = 4u << 20;    // wire body ceiling
     std::size_t maxPlainBytes = 32u << 20;  // deciphered and inflated body ceiling
     bool quiet = false;          // no per-request log lines

@@ -1,0 +1,135 @@
+// The collector's fault knobs, as the SDK's own tests will use them, and its
+// behaviour under many clients at once.
+#include "Common/Network/ZUBHttp.h"
+#include "Common/ZUBProConfig.h"
+#include "support/CollectorProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <thread>
+
+using zubtest::CollectorProcess;
+using zubtest::postRaw;
+
+namespace {
+
+#define REQUIRE_COLLECTOR() \
+    if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector"
+
+zub::Data batchOf(int first, int count) {
+    zub::Value batch = zub::Value::array();
+    for (int i = first; i < first + count; ++i) {
+        batch.push_back({{"ky", "app-A"}, {"si", 3}, {"ts", 1700000000 + i}, {"et", 1000}, {"mid", "mid-1"},
+                         {"idx", i}, {"ei", "e" + std::to_string(i)}});
+    }
+    const std::string text = batch.dump();
+    return zub::Data(text.begin(), text.end());
+}
+
+zub::Data midBody(const std::string& ifv) {
+    const std::string text = zub::Value({{"et", 5}, {"ver", 1}, {"ifv", ifv}, {"mid", ""}}).dump();
+    return zub::Data(text.begin(), text.end());
+}
+
+int retOf(const std::optional<zub::Value>& reply) {
+    if (!reply || !reply->is_object() || !reply->contains("ret") || !(*reply)["ret"].is_number_integer()) return -1;
+    return (*reply)["ret"].get<int>();
+}
+
+std::optional<zub::Value> post(const zub::Data& body, const std::string& url, std::int64_t maxTime = 10) {
+    return ZUBHttp::getInstance().httpPost(body, maxTime, url);
+}
+
+}  // namespace
+
+TEST(CollectorFaults, RetKnobAnswersWithoutStoringForTheGivenNumberOfReports) {
+    REQUIRE_COLLECTOR();
+    CollectorProcess collector({"--fault-ret", "7", "--fault-count", "2", "--fault-path", "report"});
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    const std::string report = collector.url("/mstat/report");
+    EXPECT_EQ(*post(batchOf(0, 2), report), zub::Value::parse(R"({"ret":7})"));
+    // Identifier requests are outside the fault's path and are not counted.
+    EXPECT_EQ(retOf(post(midBody("IFV-1"), collector.url("/?t=ios&ver=2.0"))), 0);
+    EXPECT_EQ(retOf(post(batchOf(2, 2), report)), 7);
+    EXPECT_EQ(retOf(post(batchOf(4, 2), report)), 0);
+    const zub::Value rows = collector.storedEvents();
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(rows[0]["idx"], 4);
+    EXPECT_NE(collector.log().find("ret=7 fault=ret"), std::string::npos);
+}
+
+TEST(CollectorFaults, StatusKnobAnswersThatStatus) {
+    REQUIRE_COLLECTOR();
+    CollectorProcess collector({"--fault-status", "503"});
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    EXPECT_FALSE(post(batchOf(0, 2), collector.url("/mstat/report")).has_value());  // only 200 is an answer
+    EXPECT_EQ(postRaw(collector.port(), "/?t=ios&ver=2.0", {}, "rc4", "").status, 503);
+    EXPECT_EQ(collector.storedEvents().size(), 0u);
+    EXPECT_EQ(collector.stats()["devicesRegistered"], 0);
+}
+
+TEST(CollectorFaults, DropKnobCutsTheConnection) {
+    REQUIRE_COLLECTOR();
+    CollectorProcess collector({"--fault-drop", "--fault-count", "1"});
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    const auto dropped = post(batchOf(0, 2), collector.url("/mstat/report"));
+    ASSERT_TRUE(dropped.has_value());
+    EXPECT_TRUE(dropped->contains(responseErrorKey)) << dropped->dump();  // a connection-level failure
+    EXPECT_EQ(retOf(post(batchOf(2, 2), collector.url("/mstat/report"))), 0);
+    EXPECT_EQ(collector.storedEvents().size(), 2u);
+    EXPECT_NE(collector.log().find("fault=drop"), std::string::npos);
+}
+
+TEST(CollectorFaults, DelayedReportIsStillStoredWhenTheCollectorStops) {
+    REQUIRE_COLLECTOR();
+    CollectorProcess collector({"--fault-delay-ms", "2500"});
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    // The client gives up after one second; the collector is still holding the request.
+    const auto timedOut = post(batchOf(0, 3), collector.url("/mstat/report"), 1);
+    ASSERT_TRUE(timedOut.has_value());
+    ASSERT_TRUE(timedOut->contains(responseErrorKey)) << timedOut->dump();
+    EXPECT_EQ((*timedOut)[responseErrorKey]["code"], -1001);
+    // Stopping now waits for that request: its events reach the database before the exit.
+    EXPECT_EQ(collector.stop(), 0) << collector.log();
+    EXPECT_EQ(collector.storedEvents().size(), 3u);
+    EXPECT_NE(collector.log().find("fault=delay2500ms"), std::string::npos);
+}
+
+TEST(CollectorConcurrency, ParallelClientsLoseNothingAndShareOneMidPerDevice) {
+    REQUIRE_COLLECTOR();
+    CollectorProcess collector;
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    constexpr int kThreads = 8;
+    constexpr int kBatches = 20;
+    constexpr int kEvents = 10;
+    std::vector<int> failures(kThreads, 0);
+    std::vector<std::string> mids(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            // Every thread registers the same new device at the same time.
+            const auto reply = post(midBody("IFV-SHARED"), collector.url("/?t=ios&ver=2.0"));
+            if (retOf(reply) == 0) mids[t] = (*reply)["mid"].get<std::string>();
+            for (int b = 0; b < kBatches; ++b) {
+                const int first = (t * kBatches + b) * kEvents;
+                if (retOf(post(batchOf(first, kEvents), collector.url("/mstat/report"))) != 0) ++failures[t];
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    for (int t = 0; t < kThreads; ++t) {
+        EXPECT_EQ(failures[t], 0) << "thread " << t;
+        EXPECT_FALSE(mids[t].empty());
+        EXPECT_EQ(mids[t], mids[0]);
+    }
+    EXPECT_EQ(collector.stats()["devicesRegistered"], 2);  // the shared device, and "mid-1" seen in events
+    const zub::Value rows = collector.storedEvents();
+    ASSERT_EQ(rows.size(), static_cast<std::size_t>(kThreads * kBatches * kEvents));
+    std::set<std::int64_t> indexes;
+    for (const auto& row : rows) indexes.insert(row["idx"].get<std::int64_t>());
+    EXPECT_EQ(indexes.size(), rows.size());
+    EXPECT_EQ(*indexes.begin(), 0);
+    EXPECT_EQ(*indexes.rbegin(), kThreads * kBatches * kEvents - 1);
+    EXPECT_EQ(collector.stop(), 0);
+}

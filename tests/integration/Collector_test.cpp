@@ -1,0 +1,312 @@
+// The collector as clients meet it: the real binary on a loopback port, fed with
+// request bodies that the library's transport builds, checked through its own
+// query commands.
+#include "Common/Network/ZUBHttp.h"
+#include "Common/ZUBProConfig.h"
+#include "Common/ZUBProHelper.h"
+#include "support/CollectorProcess.h"
+#include "support/TempHome.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <regex>
+
+using zubtest::CollectorProcess;
+
+namespace {
+
+#define REQUIRE_COLLECTOR() \
+    if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector"
+
+zub::Value event(const std::string& app, const std::string& mid, std::int64_t type, std::int64_t session,
+                 std::int64_t ts, std::int64_t idx) {
+    zub::Value e = zub::Value::object();
+    e["ky"] = app;
+    e["si"] = session;
+    e["ts"] = ts;
+    e["ui"] = "0123456789abcdef0123456789abcdef01234567";
+    e["ifv"] = "6F1C2D3E-1111-2222-3333-444455556666";
+    e["et"] = type;
+    e["mid"] = mid;
+    e["idx"] = idx;
+    e["mc"] = "0";
+    return e;
+}
+
+zub::Data bodyOf(const zub::Value& batch) {
+    const std::string text = batch.dump();
+    return zub::Data(text.begin(), text.end());
+}
+
+std::optional<zub::Value> postThroughLibrary(const zub::Value& body, const std::string& url) {
+    return ZUBHttp::getInstance().httpPost(bodyOf(body), 10, url);
+}
+
+zub::Value midRequest(const std::string& ifv, const std::string& ioa, const std::string& ui, const std::string& mid) {
+    zub::Value r = zub::Value::object();
+    r["et"] = 5;
+    r["ver"] = 1;
+    r["ts"] = 1700000000;
+    r["ifv"] = ifv;
+    r["ioa"] = ioa;
+    r["mid"] = mid;
+    r["ui"] = ui;
+    return r;
+}
+
+std::string midOf(const std::optional<zub::Value>& reply) {
+    if (!reply || !reply->is_object() || reply->value("ret", -1) != 0 || !reply->contains("mid")) return "<no mid>";
+    return (*reply)["mid"].get<std::string>();
+}
+
+}  // namespace
+
+TEST(CollectorReport, StoresShortAndGzipBatchesExactlyAsSent) {
+    REQUIRE_COLLECTOR();
+    CollectorProcess collector;
+    ASSERT_TRUE(collector.start()) << collector.failure();
+
+    zub::Value shortBatch = zub::Value::array({event("app-A", "mid-1", 2, 77, 1700000000, 11)});
+    ASSERT_LT(bodyOf(shortBatch).size(), 256u);  // goes out in the short form
+    zub::Value longBatch = zub::Value::array();
+    for (int i = 0; i < 10; ++i) {
+        zub::Value e = event("app-A", "mid-1", 1000, 77, 1700000001 + i, 100 + i);
+        e["ei"] = "buy";
+        e["kv"] = {{"item", "book " + std::to_string(i)}};
+        longBatch.push_back(std::move(e));
+    }
+    ASSERT_GE(bodyOf(longBatch).size(), 256u);  // gzip form
+
+    const auto first = postThroughLibrary(shortBatch, collector.url("/mstat/report"));
+    ASSERT_TRUE(first.has_value());
+    EXPECT_EQ(*first, zub::Value::parse(R"({"ret":0})"));  // no configuration given, no "cfg"
+    const auto second = postThroughLibrary(longBatch, collector.url("/mstat/report"));
+    ASSERT_TRUE(second.has_value());
+    EXPECT_EQ((*second)["ret"], 0);
+
+    const zub::Value rows = collector.storedEvents();
+    ASSERT_EQ(rows.size(), 11u) << collector.failure();
+    zub::Value sent = shortBatch;
+    for (const auto& e : longBatch) sent.push_back(e);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(rows[i]["event"], sent[i]);  // the whole object, keys in their order
+        EXPECT_EQ(rows[i]["ky"], "app-A");
+        EXPECT_EQ(rows[i]["mid"], "mid-1");
+        EXPECT_EQ(rows[i]["et"], sent[i]["et"]);
+        EXPECT_EQ(rows[i]["si"], 77);
+        EXPECT_EQ(rows[i]["ts"], sent[i]["ts"]);
+        EXPECT_EQ(rows[i]["idx"], sent[i]["idx"]);
+        EXPECT_GT(rows[i]["received"].get<std::int64_t>(), 1700000000);
+    }
+    const std::string log = collector.log();
+    EXPECT_NE(log.find("POST /mstat/report 200 enc=rc4 bytes="), std::string::npos) << log;
+    EXPECT_NE(log.find("enc=rc4,gzip"), std::string::npos) << log;
+    EXPECT_NE(log.find("events=10 ret=0"), std::string::npos) << log;
+}
+
+TEST(CollectorReport, StoredEventsSurviveAnOrderlyStopAndRestart) {
+    REQUIRE_COLLECTOR();
+    std::filesystem::path db;
+    {
+        CollectorProcess collector;
+        ASSERT_TRUE(collector.start()) << collector.failure();
+        db = collector.db();
+        zub::Value batch = zub::Value::array();
+        for (int i = 0; i < 3; ++i) batch.push_back(event("app-A", "mid-1", 4, 9, 1700000000 + i, i));
+        const auto reply = postThroughLibrary(batch, collector.url("/mstat/report"));
+        ASSERT_TRUE(reply && (*reply)["ret"] == 0);
+        EXPECT_EQ(collector.stop(), 0) << collector.log();
+        EXPECT_NE(collector.output().find(R"({"event":"stopped","stored":3})"), std::string::npos)
+            << collector.output();
+        EXPECT_NE(collector.log().find("received SIGTERM, stopping"), std::string::npos);
+    }
+    CollectorProcess again({}, db);
+    ASSERT_TRUE(again.start()) << again.failure();
+    EXPECT_EQ(again.storedEvents().size(), 3u);
+    zub::Value more = zub::Value::array({event("app-A", "mid-1", 4, 9, 1700000100, 50)});
+    const auto reply = postThroughLibrary(more, again.url("/mstat/report"));
+    ASSERT_TRUE(reply && (*reply)["ret"] == 0);
+    const zub::Value rows = again.storedEvents();
+    ASSERT_EQ(rows.size(), 4u);
+    EXPECT_EQ(rows[3]["idx"], 50);
+}
+
+TEST(CollectorMid, SameDeviceKeepsItsMidOtherDevicesGetTheirOwn) {
+    REQUIRE_COLLECTOR();
+    const std::string ui = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa1";
+    const std::string ioa = "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb1";
+    std::string mid;
+    std::filesystem::path db;
+    {
+        CollectorProcess collector;
+        ASSERT_TRUE(collector.start()) << collector.failure();
+        db = collector.db();
+        const std::string url = collector.url("/?t=ios&ver=2.0");
+
+        mid = midOf(postThroughLibrary(midRequest("IFV-1", ioa, ui, ""), url));
+        EXPECT_TRUE(std::regex_match(mid, std::regex("[0-9a-f]{32}"))) << mid;
+        // Asking again, with or without the mid it was given, yields the same mid.
+        EXPECT_EQ(midOf(postThroughLibrary(midRequest("IFV-1", ioa, ui, ""), url)), mid);
+        EXPECT_EQ(midOf(postThroughLibrary(midRequest("IFV-1", ioa, ui, mid), url)), mid);
+        // Another application on the same device (same OpenUDID, own idfv) is the same device.
+        EXPECT_EQ(midOf(postThroughLibrary(midRequest("IFV-2", ioa, ui, ""), url)), mid);
+
+        const std::string other = midOf(postThroughLibrary(
+            midRequest("IFV-9", "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb9", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa9", ""),
+            url));
+        EXPECT_TRUE(std::regex_match(other, std::regex("[0-9a-f]{32}"))) << other;
+        EXPECT_NE(other, mid);
+        // A device that brings a mid the collector has never seen keeps it.
+        EXPECT_EQ(midOf(postThroughLibrary(midRequest("IFV-5", "", "", "kept-mid-5"), url)), "kept-mid-5");
+        EXPECT_EQ(collector.stats()["devicesRegistered"], 3);
+        EXPECT_NE(collector.log().find("mid=" + mid + " new"), std::string::npos);
+    }
+    // The mid is stable across restarts of the collector.
+    CollectorProcess again({}, db);
+    ASSERT_TRUE(again.start()) << again.failure();
+    EXPECT_EQ(midOf(postThroughLibrary(midRequest("IFV-1", ioa, ui, ""), again.url("/?t=ios&ver=2.0"))), mid);
+}
+
+TEST(CollectorConfig, SendsEachBlockOnlyToClientsNotHoldingIt) {
+    REQUIRE_COLLECTOR();
+    const auto configPath = zubtest::TempHome::makeDir("cfg") / "online.json";
+    std::ofstream(configPath) << R"({"sdk": {"v": 3, "c": {"rs": 1}},
+                                     "app": {"v": "2", "c": {"greeting": "hi"}, "m": "abc"}})";
+    CollectorProcess collector({"--config", configPath.string()});
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    const std::string url = collector.url("/mstat/report");
+
+    auto session = [](const std::string& mid, int sdk, int app) {
+        zub::Value e = event("app-A", mid, 2, 5, 1700000000, 1);
+        e["cfg"] = {{"1", {{"v", sdk}}}, {"2", {{"v", app}}}};
+        return zub::Value::array({e});
+    };
+    const zub::Value plain = zub::Value::array({event("app-A", "mid-1", 1000, 5, 1700000000, 2)});
+
+    // A client the collector knows nothing about gets both blocks in their wire form.
+    const auto first = postThroughLibrary(plain, url);
+    ASSERT_TRUE(first && (*first)["ret"] == 0);
+    ASSERT_TRUE(first->contains("cfg")) << first->dump();
+    const zub::Value expectedSdk = {{"c", {{"rs", 1}}}, {"v", 3}, {"m", *ZUBProHelper::md5encrypt(R"({"rs":1})")}};
+    const zub::Value expectedApp = {{"c", {{"greeting", "hi"}}}, {"v", 2}, {"m", "abc"}};
+    EXPECT_EQ((*first)["cfg"], zub::Value({{"1", expectedSdk}, {"2", expectedApp}}));
+
+    // Once sent, they are not sent again.
+    const auto second = postThroughLibrary(plain, url);
+    ASSERT_TRUE(second && (*second)["ret"] == 0);
+    EXPECT_FALSE(second->contains("cfg")) << second->dump();
+
+    // A session event reporting an older application block brings that block back only.
+    const auto third = postThroughLibrary(session("mid-1", 3, 1), url);
+    ASSERT_TRUE(third && (*third)["ret"] == 0);
+    EXPECT_EQ((*third)["cfg"], zub::Value({{"2", expectedApp}}));
+
+    // Another device holding nothing gets both; one holding newer versions gets none.
+    const auto fresh = postThroughLibrary(session("mid-2", 0, 0), url);
+    ASSERT_TRUE(fresh && fresh->contains("cfg"));
+    EXPECT_EQ((*fresh)["cfg"].size(), 2u);
+    const auto newer = postThroughLibrary(session("mid-3", 5, 9), url);
+    ASSERT_TRUE(newer && (*newer)["ret"] == 0);
+    EXPECT_FALSE(newer->contains("cfg")) << newer->dump();
+    EXPECT_NE(collector.log().find("cfg=1,2"), std::string::npos);
+}
+
+TEST(CollectorConfig, MalformedConfigurationFileStopsTheStart) {
+    REQUIRE_COLLECTOR();
+    const auto dir = zubtest::TempHome::makeDir("badcfg");
+    const std::pair<const char*, const char*> cases[] = {
+        {"{not json", "not JSON"},
+        {R"({"sdk": {"v": 0, "c": {}}})", "positive 32-bit integer"},
+        {R"({"sdk": {"v": 1, "c": "rs=1"}})", "JSON object or array"},
+        {R"({"app": {"v": 1, "c": {}, "m": 5}})", "must be a string"},
+        {R"({"extra": {}})", "unknown key"},
+    };
+    int n = 0;
+    for (const auto& [text, message] : cases) {
+        SCOPED_TRACE(text);
+        const auto path = dir / ("cfg" + std::to_string(n++) + ".json");
+        std::ofstream(path) << text;
+        CollectorProcess collector({"--config", path.string()});
+        EXPECT_FALSE(collector.start());
+        EXPECT_NE(collector.failure().find(message), std::string::npos) << collector.failure();
+        EXPECT_NE(collector.failure().find("exit code 2"), std::string::npos) << collector.failure();
+    }
+    CollectorProcess missing({"--config", (dir / "absent.json").string()});
+    EXPECT_FALSE(missing.start());
+    EXPECT_NE(missing.failure().find("cannot read configuration file"), std::string::npos);
+}
+
+TEST(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
+    REQUIRE_COLLECTOR();
+    CollectorProcess collector;
+    ASSERT_TRUE(collector.start()) << collector.failure();
+
+    zub::Value batch = zub::Value::array();
+    std::int64_t ts = 1700000000;
+    std::int64_t idx = 0;
+    batch.push_back(event("app-A", "mid-1", 2, 1, ts++, idx++));
+    batch.push_back(event("app-A", "mid-1", 2, 2, ts++, idx++));
+    for (const auto& [page, du] : std::vector<std::pair<std::string, int>>{{"home", 4}, {"home", 6}, {"cart", 2}}) {
+        zub::Value e = event("app-A", "mid-1", 1, 2, ts++, idx++);
+        e["pi"] = page;
+        e["du"] = du;
+        batch.push_back(std::move(e));
+    }
+    for (int i = 0; i < 3; ++i) {
+        zub::Value e = event("app-A", "mid-1", 1000, 2, ts++, idx++);
+        e["ei"] = "buy";
+        if (i == 0) e["du"] = 5;
+        batch.push_back(std::move(e));
+    }
+    {
+        zub::Value e = event("app-A", "mid-1", 1000, 2, ts++, idx++);
+        e["ei"] = "share";
+        batch.push_back(std::move(e));
+    }
+    const auto reply = postThroughLibrary(batch, collector.url("/mstat/report"));
+    ASSERT_TRUE(reply && (*reply)["ret"] == 0);
+    const auto other = postThroughLibrary(zub::Value::array({event("app-B", "mid-2", 4, 1, ts++, idx++)}),
+                                          collector.url("/mstat/report"));
+    ASSERT_TRUE(other && (*other)["ret"] == 0);
+
+    const zub::Value stats = collector.stats();
+    ASSERT_TRUE(stats.is_object()) << collector.failure();
+    EXPECT_EQ(stats["events"], 10);
+    EXPECT_EQ(stats["sessions"], 3);  // app-A's sessions 1 and 2, app-B's session 1
+    EXPECT_EQ(stats["devicesReporting"], 2);
+    EXPECT_EQ(stats["apps"], 2);
+    EXPECT_EQ(stats["byType"], zub::Value::parse(R"([
+        {"et":1000,"name":"custom","count":4}, {"et":1,"name":"page","count":3},
+        {"et":2,"name":"session","count":2}, {"et":4,"name":"active time","count":1}])"));
+    EXPECT_EQ(stats["topCustomEvents"], zub::Value::parse(R"([
+        {"ei":"buy","count":3,"meanDuration":5.0}, {"ei":"share","count":1,"meanDuration":null}])"));
+    EXPECT_EQ(stats["topPages"], zub::Value::parse(R"([
+        {"pi":"home","views":2,"meanDuration":5.0}, {"pi":"cart","views":1,"meanDuration":2.0}])"));
+
+    const auto appB = CollectorProcess::run({"stats", "--db", collector.db().string(), "--app", "app-B", "--json"});
+    ASSERT_EQ(appB.exitCode, 0) << appB.err;
+    EXPECT_EQ(zub::Value::parse(appB.out)["events"], 1);
+
+    const auto table = CollectorProcess::run({"stats", "--db", collector.db().string()});
+    ASSERT_EQ(table.exitCode, 0) << table.err;
+    EXPECT_TRUE(std::regex_search(table.out, std::regex(R"(\n\s+home\s+2\s+5\.0\n)"))) << table.out;
+    EXPECT_TRUE(std::regex_search(table.out, std::regex(R"(\n\s+buy\s+3\s+5\.0\n)"))) << table.out;
+    EXPECT_TRUE(std::regex_search(table.out, std::regex(R"(\n\s+sessions\s+3\n)"))) << table.out;
+
+    EXPECT_EQ(collector.storedEvents({"--type", "1"}).size(), 3u);
+    EXPECT_EQ(collector.storedEvents({"--app", "app-B"}).size(), 1u);
+    EXPECT_EQ(collector.storedEvents({"--limit", "4"}).size(), 4u);
+    // Times are the events' own "ts": seconds or a UTC date and time.
+    EXPECT_EQ(collector.storedEvents({"--since", "1700000008"}).size(), 2u);
+    EXPECT_EQ(collector.storedEvents({"--since", "2023-11-14T22:13:28Z", "--until", "1700000009"}).size(), 1u);
+    EXPECT_EQ(collector.storedEvents({"--until", "2023-11-14"}).size(), 0u);
+
+    const auto missing = CollectorProcess::run({"events", "--db", "/nonexistent/none.db", "--json"});
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_NE(missing.err.find("cannot open database"), std::string::npos) << missing.err;
+    const auto noDb = CollectorProcess::run({"stats"});
+    EXPECT_EQ(noDb.exitCode, 2);
+    EXPECT_NE(noDb.err.find("stats needs --db PATH"), std::string::npos) << noDb.err;
+}

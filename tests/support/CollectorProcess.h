@@ -1,0 +1,93 @@
+// Runs the real zub-collector binary as a child process for a test: on a free
+// loopback port, with a database of its own under the test's temporary HOME, its
+// stderr (one log line per request) kept in a file next to the database.
+//
+//   zubtest::CollectorProcess collector({"--config", path});
+//   ASSERT_TRUE(collector.start()) << collector.failure();
+//   ... post to collector.url("/mstat/report") ...
+//   EXPECT_EQ(collector.stop(), 0);
+//   auto rows = collector.storedEvents();   // `events --json` on its database
+//
+// Available only when the build has the collector (ZUB_COLLECTOR_PATH).
+#pragma once
+
+#include <ZUBCocoa/ZUBValue.h>
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zubtest {
+
+struct CommandResult {
+    int exitCode = -1;  // -1 when it could not be run or was killed
+    std::string out;
+    std::string err;
+};
+
+/// What came back from a raw POST to a collector.
+struct CollectorReply {
+    int status = 0;                  // HTTP status; 0 when the exchange failed
+    std::optional<zub::Value> json;  // the body deciphered and parsed, when it is JSON
+    std::string error;               // why the exchange failed
+};
+
+/// POSTs `wire` exactly as given (no wrapping added) with the given
+/// Content-Encoding (none when empty) to 127.0.0.1:`port`, and deciphers the
+/// reply with `key`.
+CollectorReply postRaw(int port, const std::string& pathAndQuery, const zub::Data& wire, const std::string& encoding,
+                       const std::string& key);
+
+class CollectorProcess {
+public:
+    /// True when this build knows where the collector binary is.
+    static bool available();
+    static std::string binaryPath();
+    /// Runs the binary with `args` to completion, capturing stdout and stderr.
+    static CommandResult run(const std::vector<std::string>& args);
+
+    /// `extraArgs` are added to "--port 0 --db <db>"; the database defaults to a
+    /// fresh directory under HOME.
+    explicit CollectorProcess(std::vector<std::string> extraArgs = {}, std::filesystem::path db = {});
+    ~CollectorProcess();
+    CollectorProcess(const CollectorProcess&) = delete;
+    CollectorProcess& operator=(const CollectorProcess&) = delete;
+
+    /// Starts the collector and waits (up to 60 s) for its "listening" line. False
+    /// when it did not come up; failure() then says why.
+    bool start();
+    /// SIGTERM, then waits for the exit; returns the exit code (-1 if it died by a
+    /// signal or was not running). Idempotent.
+    int stop();
+    bool running() const { return pid_ > 0; }
+
+    int port() const { return port_; }
+    std::string url(const std::string& pathAndQuery) const;
+    const std::filesystem::path& db() const { return db_; }
+    /// Everything the collector wrote to stderr so far.
+    std::string log() const;
+    /// Everything it wrote to stdout (the listening line; the stopped line after stop()).
+    const std::string& output() const { return output_; }
+    const std::string& failure() const { return failure_; }
+
+    /// `events --json [filters]` on this collector's database: the parsed array
+    /// (an empty array, with failure() set, when the command fails).
+    zub::Value storedEvents(const std::vector<std::string>& filters = {});
+    /// `stats --json` on this database (null on failure).
+    zub::Value stats();
+
+private:
+    std::vector<std::string> extraArgs_;
+    std::filesystem::path db_;
+    std::filesystem::path logPath_;
+    pid_t pid_ = -1;
+    int stdoutFd_ = -1;
+    int port_ = -1;
+    std::string output_;
+    std::string failure_;
+};
+
+}  // namespace zubtest
