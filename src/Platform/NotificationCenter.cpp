@@ -22,41 +22,65 @@ struct Entry {
     bool removed = false;  // guarded by mutex
 };
 
-// The entries whose observer this thread is running right now (innermost last), so
-// that an observer removing itself does not wait for its own call to end.
+// The entries whose observer this thread is running right now (innermost last).
 thread_local std::vector<const Entry*> tRunning;
-
-// Marks one call of an entry as running for as long as it lives, also when the
-// observer throws.
-class RunningCall {
-public:
-    explicit RunningCall(Entry& e) : e_(e) { tRunning.push_back(&e_); }
-    ~RunningCall() {
-        tRunning.pop_back();
-        std::lock_guard<std::mutex> lock(e_.mutex);
-        if (--e_.running == 0 && e_.removed) e_.idle.notify_all();
-    }
-    RunningCall(const RunningCall&) = delete;
-    RunningCall& operator=(const RunningCall&) = delete;
-
-private:
-    Entry& e_;
-};
-
-void retire(Entry& e) {
-    const auto own = std::count(tRunning.begin(), tRunning.end(), &e);
-    std::unique_lock<std::mutex> lock(e.mutex);
-    e.removed = true;
-    e.idle.wait(lock, [&] { return e.running <= own; });
-}
 
 }  // namespace
 
 struct NotificationCenter::Impl {
     mutable std::mutex mutex;
-    std::vector<std::shared_ptr<Entry>> entries;  // guarded by mutex, in order of adding
-    ObserverId nextId = 1;                        // guarded by mutex
+    std::vector<std::shared_ptr<Entry>> entries;   // guarded by mutex, in order of adding
+    std::vector<std::shared_ptr<Entry>> retiring;  // guarded by mutex: removed, calls may still run
+    ObserverId nextId = 1;                         // guarded by mutex
+
+    void forget(const Entry* e) {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::erase_if(retiring, [e](const std::shared_ptr<Entry>& r) { return r.get() == e; });
+    }
+
+    // Marks a removed entry so that no new call starts. Called from outside the
+    // observer, waits until no call of it runs on any thread; called from inside
+    // one of its own calls, returns at once (another thread may be removing it
+    // from inside its own call too; waiting there could never end), and the last
+    // running call lets go of it.
+    void retire(Entry& e) {
+        const bool insideOwnCall = std::find(tRunning.begin(), tRunning.end(), &e) != tRunning.end();
+        {
+            std::unique_lock<std::mutex> lock(e.mutex);
+            e.removed = true;
+            if (insideOwnCall) return;
+            e.idle.wait(lock, [&] { return e.running == 0; });
+        }
+        forget(&e);
+    }
 };
+
+namespace {
+
+// Marks one call of an entry as running for as long as it lives, also when the
+// observer throws.
+class RunningCall {
+public:
+    RunningCall(NotificationCenter::Impl& impl, Entry& e) : impl_(impl), e_(e) { tRunning.push_back(&e_); }
+    ~RunningCall() {
+        tRunning.pop_back();
+        bool last;
+        {
+            std::lock_guard<std::mutex> lock(e_.mutex);
+            last = --e_.running == 0 && e_.removed;
+            if (last) e_.idle.notify_all();
+        }
+        if (last) impl_.forget(&e_);
+    }
+    RunningCall(const RunningCall&) = delete;
+    RunningCall& operator=(const RunningCall&) = delete;
+
+private:
+    NotificationCenter::Impl& impl_;
+    Entry& e_;
+};
+
+}  // namespace
 
 NotificationCenter& NotificationCenter::defaultCenter() {
     static NotificationCenter* center = new NotificationCenter();
@@ -78,13 +102,21 @@ void NotificationCenter::removeObserver(ObserverId id) {
     std::shared_ptr<Entry> found;
     {
         std::lock_guard<std::mutex> lock(impl_->mutex);
-        auto it = std::find_if(impl_->entries.begin(), impl_->entries.end(),
-                               [id](const std::shared_ptr<Entry>& e) { return e->id == id; });
-        if (it == impl_->entries.end()) return;
-        found = std::move(*it);
-        impl_->entries.erase(it);
+        const auto matches = [id](const std::shared_ptr<Entry>& e) { return e->id == id; };
+        auto it = std::find_if(impl_->entries.begin(), impl_->entries.end(), matches);
+        if (it != impl_->entries.end()) {
+            found = *it;
+            impl_->entries.erase(it);
+            impl_->retiring.push_back(found);
+        } else {
+            // Removed before (perhaps by itself on another thread): still wait for
+            // calls that run on.
+            auto r = std::find_if(impl_->retiring.begin(), impl_->retiring.end(), matches);
+            if (r == impl_->retiring.end()) return;
+            found = *r;
+        }
     }
-    retire(*found);
+    impl_->retire(*found);
 }
 
 void NotificationCenter::removeObservers(const std::string& name) {
@@ -95,10 +127,11 @@ void NotificationCenter::removeObservers(const std::string& name) {
                                           [&](const std::shared_ptr<Entry>& e) {
                                               return !name.empty() && e->name != name;
                                           });
-        gone.assign(std::make_move_iterator(keep), std::make_move_iterator(impl_->entries.end()));
+        gone.assign(keep, impl_->entries.end());
         impl_->entries.erase(keep, impl_->entries.end());
+        impl_->retiring.insert(impl_->retiring.end(), gone.begin(), gone.end());
     }
-    for (auto& e : gone) retire(*e);
+    for (auto& e : gone) impl_->retire(*e);
 }
 
 void NotificationCenter::post(const std::string& name, std::any object, Value userInfo) {
@@ -119,7 +152,7 @@ void NotificationCenter::post(const Notification& notification) {
             if (e->removed) continue;
             ++e->running;
         }
-        RunningCall call(*e);
+        RunningCall call(*impl_, *e);
         e->fn(notification);
     }
 }

@@ -6,10 +6,13 @@
 // add observers or remove observers (itself included) from inside its call.
 //
 // Threads: every operation may be called from any thread. After removeObserver
-// returns, the observer is not called again and no call of it is still running on
-// another thread; a call already running on the removing thread itself (an
-// observer removing itself) is left to finish. Do not let two observers running on
-// two threads remove each other: each would wait for the other.
+// returns, no new call of the observer starts, and (when called from outside the
+// observer) no call of it is still running on any thread. An observer that
+// removes itself from inside its own call is not waited for: removeObserver
+// returns at once and calls of it on other threads may still be finishing; a later
+// removeObserver of the same id from outside waits for them. Do not let two
+// different observers, running on two threads, remove each other: each would
+// wait for the other.
 #pragma once
 
 #include <ZUBCocoa/ZUBValue.h>
@@ -58,8 +61,10 @@ public:
     /// How many registrations are present (diagnostics and tests).
     std::size_t observerCount() const;
 
-private:
+    /// The registrations (defined with the implementation).
     struct Impl;
+
+private:
     std::unique_ptr<Impl> impl_;
 };
 

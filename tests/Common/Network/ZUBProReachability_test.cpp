@@ -63,7 +63,12 @@ public:
     // A veth pair zv0/zv1, both up, so zv0 has its carrier.
     bool addLink() {
         return ip("link add zv0 type veth peer name zv1") == 0 && ip("link set zv0 up") == 0 &&
-               ip("link set zv1 up") == 0;
+               ip("link set zv1 up") == 0 && carrier(true);
+    }
+    // Waits (on the kernel's notices) until zv0's carrier is as wanted.
+    bool carrier(bool on) {
+        const std::string want = std::string("carrier zv0 ") + (on ? "1" : "0");
+        return ask(want) == want;
     }
 
 private:
@@ -168,8 +173,10 @@ TEST(ZUBProReachabilityNetns, StatusFollowsDefaultRouteAndCarrier) {
     ASSERT_EQ(ns.ip("route add default dev zv0"), 0);
     EXPECT_EQ(ns.ask("status"), "status 1 type WIFI conn 0");
     ASSERT_EQ(ns.ip("link set zv1 down"), 0);
+    ASSERT_TRUE(ns.carrier(false));
     EXPECT_EQ(ns.ask("status"), "status 0 type - conn 0") << "the route's link lost its carrier";
     ASSERT_EQ(ns.ip("link set zv1 up"), 0);
+    ASSERT_TRUE(ns.carrier(true));
     EXPECT_EQ(ns.ask("status"), "status 1 type WIFI conn 0");
     ASSERT_EQ(ns.ip("route del default dev zv0"), 0);
     EXPECT_EQ(ns.ask("status"), "status 0 type - conn 0");
@@ -219,9 +226,11 @@ TEST(ZUBProReachabilityNetns, NotifierPostsWhenTheRouteComesAndGoes) {
     ASSERT_EQ(ns.ip("route add default dev zv0"), 0);
     EXPECT_EQ(ns.next(), "notify 1 1");
     ASSERT_EQ(ns.ip("link set zv1 down"), 0);
-    EXPECT_EQ(ns.next(), "notify 0 1");
+    EXPECT_EQ(ns.next(), "notify 0 1") << "carrier lost";
+    EXPECT_EQ(ns.ask("status"), "status 0 type - conn 0");
     ASSERT_EQ(ns.ip("link set zv1 up"), 0);
     EXPECT_EQ(ns.next(), "notify 1 1");
+    EXPECT_EQ(ns.ask("status"), "status 1 type WIFI conn 0");
     ASSERT_EQ(ns.ip("route del default dev zv0"), 0);
     EXPECT_EQ(ns.next(), "notify 0 1");
     // Changes that leave the status as it is post nothing: the next line answers the query.
@@ -233,6 +242,16 @@ TEST(ZUBProReachabilityNetns, NotifierPostsWhenTheRouteComesAndGoes) {
     EXPECT_EQ(ns.ask("status"), "status 1 type WIFI conn 0");
     const auto rest = ns.finish();
     EXPECT_TRUE(rest.empty()) << "posted after stopNotifier: " << rest.front();
+    EXPECT_EQ(ns.exitCode(), 0);
+}
+
+TEST(ZUBProReachabilityNetns, WifiProbeFindsNoWirelessInterface) {
+    Namespace ns;
+    REQUIRE_NAMESPACE(ns);
+    ASSERT_EQ(ns.ip("route add default dev zv0"), 0);
+    // A wired link with a route is no wireless network.
+    EXPECT_EQ(ns.ask("wifi"), R"(wifi {"ss":"Not Found","bs":"Not Found"})");
+    ns.finish();
     EXPECT_EQ(ns.exitCode(), 0);
 }
 
