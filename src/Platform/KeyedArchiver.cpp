@@ -26,7 +26,8 @@ constexpr int kMaxObjectDepth = 64;
 struct RegistryState {
     std::mutex mutex;
     std::unordered_map<std::string, ArchiveFactory> factories;
-    std::unordered_map<std::type_index, std::string> names;
+    std::unordered_map<std::type_index, std::string> names;        // first name a type was registered under
+    std::unordered_map<std::string, std::type_index> typeOfName;  // type behind a registerType name
 };
 
 RegistryState& registryState() {
@@ -66,8 +67,7 @@ struct ArchiveAccess {
         }
         // A subclass registered through registerType but not overriding className()
         // would otherwise be archived (and restored) as its base class.
-        if (auto registered = ArchiveRegistry::nameForType(std::type_index(typeid(object)));
-            registered && *registered != name) {
+        if (auto registered = ArchiveRegistry::renameFor(name, std::type_index(typeid(object)))) {
             ZUBProHelper::LogDebug("[WARN] archiving %@ under its registered name %@", name, *registered);
             name = *registered;
         }
@@ -392,12 +392,24 @@ void ArchiveRegistry::registerClass(const std::string& className, ArchiveFactory
     RegistryState& s = registryState();
     std::lock_guard lock(s.mutex);
     s.factories[className] = std::move(factory);
+    s.typeOfName.erase(className);
 }
 
 void ArchiveRegistry::registerTypeName(std::type_index type, const std::string& className) {
     RegistryState& s = registryState();
     std::lock_guard lock(s.mutex);
-    s.names.insert_or_assign(type, className);
+    s.names.emplace(type, className);
+    s.typeOfName.insert_or_assign(className, type);
+}
+
+std::optional<std::string> ArchiveRegistry::renameFor(const std::string& className, std::type_index dynamicType) {
+    RegistryState& s = registryState();
+    std::lock_guard lock(s.mutex);
+    auto declared = s.typeOfName.find(className);
+    if (declared == s.typeOfName.end() || declared->second == dynamicType) return std::nullopt;
+    auto own = s.names.find(dynamicType);
+    if (own == s.names.end() || own->second == className) return std::nullopt;
+    return own->second;
 }
 
 bool ArchiveRegistry::isRegistered(const std::string& className) {

@@ -18,7 +18,9 @@
 //   1. Derive from zub::Archivable (directly or through a base class).
 //   2. Override className() to return a name unique in the process, e.g.
 //      "ZUBPageEvent". It is written into the archive and must stay stable across
-//      versions, since archives outlive processes.
+//      versions, since archives outlive processes. (A subclass registered with
+//      registerType that forgets this is archived under its registered name,
+//      with a warning in the debug log.)
 //   3. Override encodeWithCoder(Coder&) const: call the base class's
 //      encodeWithCoder first, then encode the class's own fields.
 //   4. Provide a way to restore: a constructor `T(const zub::Coder&)` that first
@@ -257,14 +259,19 @@ public:
     static bool isRegistered(const std::string& className);
     /// The factory for a name; an empty function when the name is unknown.
     static ArchiveFactory factoryFor(const std::string& className);
-    /// The name a class was registered under through registerType, if any.
+    /// The name a class was first registered under through registerType, if any.
     static std::optional<std::string> nameForType(std::type_index type);
+    /// When an object reports `className` but that name was registered for
+    /// another type and the object's own type was registered under a name of its
+    /// own (a subclass that did not override className()): that own name.
+    static std::optional<std::string> renameFor(const std::string& className, std::type_index dynamicType);
 
 private:
     static void registerTypeName(std::type_index type, const std::string& className);
 };
 
-/// Registers an unqualified class name at static-initialisation time, in a .cpp.
+/// Registers class `Class` under its own (unqualified) identifier as the archive
+/// name, at static-initialisation time; put it in a .cpp at namespace scope.
 #define ZUB_REGISTER_ARCHIVABLE(Class)                                                    \
     namespace {                                                                            \
     [[maybe_unused]] const bool zubArchivableRegistered_##Class =                          \

@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <latch>
 #include <stdexcept>
+#include <thread>
 
 using zub::Coder;
 using zub::KeyedArchiver;
@@ -90,7 +93,7 @@ class Link : public zub::Archivable {
 public:
     Link() = default;
     explicit Link(const Coder& c) : next(c.decodeArchivableForKey<Link>("next")) {}
-    std::string className() const override { return "TestLink"; }
+    std::string className() const override { return "Link"; }
     void encodeWithCoder(Coder& c) const override {
         if (next) c.encodeArchivable(*next, "next");
     }
@@ -297,4 +300,29 @@ TEST(KeyedArchiver, EncodingFailuresGiveNoArchive) {
     for (auto p = ok; p->next; p = p->next) ++depth;
     EXPECT_EQ(depth, 60);
     EXPECT_TRUE(KeyedArchiver::archivedDataWithRootObject(chain(100)).empty());
+}
+
+TEST(KeyedArchiverConcurrency, ThreadsArchiveWhileClassesAreRegistered) {
+    registerTestClasses();
+    constexpr int kThreads = 8;
+    std::latch start(kThreads + 1);
+    std::vector<std::thread> threads;
+    std::atomic<int> restored{0};
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            start.arrive_and_wait();
+            for (int i = 0; i < 50; ++i) {
+                std::map<std::string, std::shared_ptr<Record>> dict{{"k" + std::to_string(i), sampleRecord("m", t)}};
+                auto back = KeyedUnarchiver::unarchiveDictionaryWithData<Record>(
+                    KeyedArchiver::archivedDataWithRootObject(dict));
+                if (back && back->size() == 1 && back->begin()->second->type == t) ++restored;
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        start.arrive_and_wait();
+        for (int i = 0; i < 200; ++i) zub::ArchiveRegistry::registerType<Record>("TestRecordAlias" + std::to_string(i));
+    });
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(restored.load(), kThreads * 50);
 }
