@@ -135,6 +135,13 @@ TEST(UserDefaults, DamagedFileIsEmptyLoggedAndReplaced) {
         EXPECT_EQ(UserDefaults(path).stringForKey("key"), "repaired");
     }
     EXPECT_FALSE(UserDefaults::parseFileContents(zub::Data(100000, 0x9f)));  // unterminated indefinite arrays
+    // Nesting up to the decoder's limit is still read.
+    zub::Data nested{0xa1, 0x61, 'a'};
+    nested.insert(nested.end(), zub::Cbor::kMaxDepth - 1, 0x81);
+    nested.push_back(0x00);
+    EXPECT_TRUE(UserDefaults::parseFileContents(nested));
+    nested.insert(nested.begin() + 3, 0x81);
+    EXPECT_FALSE(UserDefaults::parseFileContents(nested));
 }
 
 TEST(UserDefaults, SynchronizeMergesChangesOfAnotherWriterKeyByKey) {
