@@ -1,6 +1,11 @@
 // Umbrella header of the ZUBCocoa analytics library.
 #pragma once
 
+#include <ZUBCocoa/ZUBArchiving.h>
+#include <ZUBCocoa/ZUBConstants.h>
 #include <ZUBCocoa/ZUBExport.h>
 #include <ZUBCocoa/ZUBPlatform.h>
+#include <ZUBCocoa/ZUBPro.h>
+#include <ZUBCocoa/ZUBProBaseFunction.h>
+#include <ZUBCocoa/ZUBProEvent.h>
 #include <ZUBCocoa/ZUBValue.h>

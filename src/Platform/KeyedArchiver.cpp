@@ -360,7 +360,7 @@ std::optional<ArchivableDictionary> Coder::decodeArchivableDictionaryForKey(cons
             failWithReason("entry \"" + it.key() + "\" under \"" + key + "\": " + why);
             return std::nullopt;
         }
-        out[it.key()] = std::move(object);
+        out.emplace_back(it.key(), std::move(object));
     }
     return out;
 }
@@ -549,7 +549,7 @@ std::optional<ArchiveRoot> KeyedUnarchiver::unarchiveObjectWithData(const Data& 
                 logFailure("entry " + it.key() + " dropped: " + entryWhy);
                 continue;
             }
-            dictionary[it.key()] = std::move(object);
+            dictionary.emplace_back(it.key(), std::move(object));
         }
         root.emplace<1>(std::move(dictionary));
         return root;

@@ -1,0 +1,39 @@
+// ZUBProBaseFunction: basic functions the library lends to plug-ins. All static,
+// thread-safe, never throwing.
+#pragma once
+
+#include <ZUBCocoa/ZUBExport.h>
+#include <ZUBCocoa/ZUBValue.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+class ZUB_EXPORT ZUBProBaseFunction {
+public:
+    ZUBProBaseFunction() = delete;
+
+    /// Stores a dictionary under "<company domain>.<key>" in the application's
+    /// preferences (the keychain name form; nothing goes to a real keychain).
+    static void saveToKeyChain(const std::string& key, const zub::Value& dict);
+    static std::optional<zub::Value> loadFromKeyChain(const std::string& key);
+
+    /// Writes "[ZUBDebug] " + message to the system log, only with debugging on.
+    /// Placeholders ("%@", "%d", ...) take the next argument's text.
+    static void logDebug(std::string_view format, const std::vector<std::string>& args = {});
+
+    /// MD5 as 32 lower-case hex digits; nothing for an absent or empty string.
+    static std::optional<std::string> md5Encrypt(const std::optional<std::string>& text);
+    /// Compact JSON of a dictionary or array; "" for anything else.
+    static std::optional<std::string> objToJson(const zub::Value& object);
+
+    /// 2 on Wi-Fi, 1 on a cellular network, 0 without a network (the two reachable
+    /// codes are the reverse of the reachability status, on purpose).
+    static std::int64_t currentNetwork();
+    static bool isJailBroken();
+    /// Seconds since 1970 with fraction.
+    static double getTimeStamp();
+    static zub::Value getOnlineProperty(const std::string& key);
+};

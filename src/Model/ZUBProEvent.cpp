@@ -1,0 +1,144 @@
+#include <ZUBCocoa/ZUBProEvent.h>
+
+#include "Common/ZUBProConfig.h"
+#include "Common/ZUBProHelper.h"
+#include "Dal/ZUBDeviceIDDal.h"
+#include "Model/ZUBProEnv.h"
+#include "Model/ZUBProUser.h"
+#include "Platform/Clock.h"
+#include "Platform/SystemLog.h"
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+std::atomic<std::uint64_t> gSerialisations{0};
+
+// The microsecond part of the clock as six zero-padded digits.
+std::string microsDigits() {
+    const std::int64_t micros = zub::Clock::nowMicros() % 1000000;
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "%06d", static_cast<int>(micros < 0 ? -micros : micros));
+    return buf;
+}
+
+// Leading decimal digits of the text as a 64-bit number (0 when there are none).
+std::int64_t leadingNumber(const std::string& text) {
+    std::int64_t value = 0;
+    const char* end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, value);
+    if (result.ec == std::errc::result_out_of_range) {
+        // More digits than 64 bits hold: keep the low bits, as a wrapping reader would.
+        std::uint64_t wrapped = 0;
+        for (const char* p = text.data(); p < end && *p >= '0' && *p <= '9'; ++p) {
+            wrapped = wrapped * 10 + static_cast<std::uint64_t>(*p - '0');
+        }
+        return static_cast<std::int64_t>(wrapped);
+    }
+    return value;
+}
+
+}  // namespace
+
+ZUBProEvent::ZUBProEvent() : timeStr_(microsDigits().substr(2)) {}
+
+ZUBProEvent::ZUBProEvent(const zub::Coder& coder) {
+    // Restoring starts from a bare object: no timeStr, not marked wrong-wifi.
+    md5_ = coder.decodeStringForKey("md5");
+    type_ = coder.decodeInt64ForKey("type");
+    sid_ = coder.decodeUInt64ForKey("sid");
+    ts_ = coder.decodeUInt64ForKey("ts");
+    retryNum_ = coder.decodeInt64ForKey("retryNum");
+    lastReportTs_ = coder.decodeUInt64ForKey("lastReportTs");
+    isImportant_ = coder.decodeBoolForKey("isImportant");
+    // The archived appkey is read and dropped on purpose: a resent event takes its
+    // "ky" from the configuration of the process that sends it.
+    (void)coder.decodeStringForKey("appkey");
+}
+
+ZUBProEvent::~ZUBProEvent() = default;
+
+void ZUBProEvent::encodeWithCoder(zub::Coder& coder) const {
+    coder.encodeString(md5_, "md5");
+    coder.encodeInt64(type_, "type");
+    coder.encodeUInt64(sid_, "sid");
+    coder.encodeUInt64(ts_, "ts");
+    coder.encodeInt64(retryNum_, "retryNum");
+    coder.encodeUInt64(lastReportTs_, "lastReportTs");
+    coder.encodeBool(isImportant_, "isImportant");
+    if (appkey_) coder.encodeString(appkey_, "appkey");
+}
+
+std::optional<std::string> ZUBProEvent::toJsonString() {
+    ZUBProConfig& config = ZUBProConfig::getInstance();
+    ZUBDeviceIDDal& ids = ZUBDeviceIDDal::getInstance();
+    zub::Value envelope = zub::Value::object();
+
+    if (auto key = appkey_ ? appkey_ : config.appkey()) envelope["ky"] = *key;
+    gSerialisations.fetch_add(1, std::memory_order_relaxed);
+    envelope["si"] = sid_;
+    envelope["ts"] = ts_;
+    if (auto cui = config.customUserID()) envelope["cui"] = *cui;
+    if (auto cav = config.customAppVersion()) envelope["cav"] = *cav;
+    envelope["ui"] = ids.getOpenUDID();
+    (void)config.mid();  // read and not sent: the registered mid comes from the device store
+    envelope["ifv"] = ids.getIdfv();
+    envelope["ioa"] = ids.getOpenIDFA();
+    envelope["et"] = type_;
+    if (const std::string mid = ids.getMID(); !mid.empty()) envelope["mid"] = mid;
+    if (type_ != 2) {
+        // The session event carries these inside its own keys.
+        ZUBProEnv& env = ZUBProEnv::getInstance();
+        if (auto sdk = env.sdk_version()) {
+            envelope["sv"] = *sdk;
+            if (auto av = config.customAppVersion() ? config.customAppVersion() : env.app_version()) {
+                envelope["av"] = *av;
+            }
+            if (auto ch = config.zubChannel()) envelope["ch"] = *ch;
+        }
+        envelope["ut"] = ZUBProUser::getInstance().userType();
+    }
+    if (retryNum_ > 0) envelope["rt"] = 1;
+    if (md5_) envelope["m5"] = *md5_;
+    eventIndex_ = generateIDX();
+    envelope["idx"] = eventIndex_;
+    envelope["mc"] = "0";
+
+    try {
+        encode(envelope);
+    } catch (const std::exception& e) {
+        ZUBProHelper::trackException(e);
+    } catch (...) {
+        ZUBProHelper::trackException(std::runtime_error("unknown exception"));
+    }
+    return ZUBProHelper::objToJson(envelope);
+}
+
+void ZUBProEvent::encode(zub::Value&) {
+    zub::SystemLog::write("super encode");
+}
+
+std::int32_t ZUBProEvent::generateIDX() {
+    for (;;) {
+        const std::int32_t r = getRandomNumber(0, 3);
+        const std::string five = microsDigits().substr(1);
+        // A restored event has no timeStr; the platform wrote "(null)" there, so the
+        // number read back is the random digit alone.
+        const std::string text = std::to_string(r) + timeStr_.value_or("(null)") + five;
+        const auto index = static_cast<std::int32_t>(static_cast<std::uint32_t>(leadingNumber(text)));
+        if (index != -1) return index;
+    }
+}
+
+std::int32_t ZUBProEvent::getRandomNumber(std::int64_t from, std::int64_t to) {
+    if (to < from) return static_cast<std::int32_t>(from);
+    const std::uint64_t span = static_cast<std::uint64_t>(to - from) + 1;
+    const std::uint32_t random = arc4random();
+    return static_cast<std::int32_t>(from + static_cast<std::int64_t>(random % span));
+}
+
+std::uint64_t ZUBProEvent::idx() {
+    return gSerialisations.load(std::memory_order_relaxed);
+}

@@ -1,0 +1,179 @@
+// Filing, strategy and batching of the report pipeline.
+#include "Pro/ZUBEventLogic.h"
+
+#include "Common/Network/ZUBProReachability.h"
+#include "Common/ZUBProConfig.h"
+#include "Common/ZUBProHelper.h"
+#include "Dal/ZUBDeviceIDDal.h"
+#include "Dal/ZUBEventDal.h"
+#include "Model/ZUBSessionEvent.h"
+#include "Platform/Clock.h"
+
+ZUBEventLogic& ZUBEventLogic::getInstance() {
+    static ZUBEventLogic* instance = new ZUBEventLogic();
+    return *instance;
+}
+
+ZUBEventLogic::ZUBEventLogic()
+    : eventListLock_(ZUBEventDal::getInstance().eventListLock()),
+      reachability_(ZUBProReachability::reachabilityForInternetConnection()) {}
+
+std::int64_t ZUBEventLogic::networkStatus() {
+    return reachability_ ? static_cast<std::int64_t>(reachability_->currentReachabilityStatus()) : 0;
+}
+
+std::optional<std::string> ZUBEventLogic::generateMd5(ZUBProEvent& event) {
+    event.setEventIndex(event.generateIDX());
+    const std::string text = std::to_string(event.sid()) + std::to_string(event.ts()) + std::to_string(event.type()) +
+                             std::to_string(ZUBSessionEvent::generateSessionID()) +
+                             std::to_string(static_cast<std::uint64_t>(static_cast<std::int64_t>(event.eventIndex())));
+    return ZUBProHelper::md5encrypt(text);
+}
+
+void ZUBEventLogic::file(const EventPtr& event) {
+    if (!event->md5()) event->setMd5(generateMd5(*event));
+    if (!event->md5()) return;
+    std::lock_guard lock(eventListLock_);
+    ZUBEventDal::getInstance().toReportEvents().set(*event->md5(), event);
+}
+
+void ZUBEventLogic::reportEvent(EventPtr event) {
+    if (!event) return;
+    queue_.async([this, event = std::move(event)] {
+        file(event);
+        checkStrategyReport();
+    });
+}
+
+void ZUBEventLogic::reportEvents(EventList events) {
+    queue_.async([this, events = std::move(events)] {
+        for (const auto& event : events) {
+            if (event) file(event);
+        }
+        checkStrategyReport();
+    });
+}
+
+void ZUBEventLogic::checkStrategyReport() {
+    ZUBProConfig& config = ZUBProConfig::getInstance();
+    bool startCycle = networkStatus() == 1 && config.isSmartReport();
+    if (!startCycle) {
+        const std::int64_t strategy = config.reportStrategy();
+        if (strategy == 1) {
+            startCycle = true;
+        } else if (strategy == 8) {
+            ZUBProHelper::LogDebug("cache events");
+        } else if (strategy == 5) {
+            // The period only moves the stored clock; it never starts a cycle itself.
+            ZUBEventDal& store = ZUBEventDal::getInstance();
+            const std::uint64_t now = zub::Clock::nowSeconds();
+            const auto last = static_cast<std::uint64_t>(store.getLastSendTime());
+            if (last == 0) {
+                store.saveLastSendTime(static_cast<std::int64_t>(now));
+            } else if (now - last >= config.periodSecs()) {
+                store.saveLastSendTime(static_cast<std::int64_t>(now));
+                ZUBProHelper::LogDebug("cache events");
+            }
+        } else {
+            ZUBProHelper::LogDebug("deprecated report strategy cache events");
+        }
+    }
+    if (startCycle) queue_.async([this] { reportEvents(); });
+}
+
+void ZUBEventLogic::addSendingEventFromToReportEvents(std::uint64_t maximum) {
+    if (maximum == 0) return;
+    std::lock_guard lock(eventListLock_);
+    const std::uint64_t vacuum = ZUBProConfig::getInstance().vacuumTimeLength();
+    std::uint64_t taken = 0;
+    for (const auto& [key, event] : ZUBEventDal::getInstance().toReportEvents()) {
+        const std::uint64_t now = zub::Clock::nowSeconds();
+        const std::uint64_t last = event->lastReportTs();
+        if (last == 0 || (now - last > vacuum && event->isWrongWifi())) {
+            event->setLastReportTs(now);
+            sendingEvents_.push_back(event);
+            if (++taken == maximum) break;
+        }
+    }
+}
+
+void ZUBEventLogic::reportEvents() {
+    if (isSendingCacheEvent_) {
+        ZUBProHelper::LogDebug("sending cache event, return");
+        return;
+    }
+    const std::string mid = ZUBDeviceIDDal::getInstance().getMID();
+    if (mid.empty()) {
+        ZUBProHelper::LogDebug("mid is empty, events is cached");
+        return;
+    }
+
+    EventList batch;
+    {
+        std::lock_guard lock(eventListLock_);
+        // Checked again under the lock: a cycle on another thread may have taken a batch.
+        if (isSendingCacheEvent_) {
+            ZUBProHelper::LogDebug("sending cache event, return");
+            return;
+        }
+        if (sendingEvents_.empty()) {
+            ZUBProConfig& config = ZUBProConfig::getInstance();
+            const std::uint64_t n = config.maxOnceSendCount();
+            ZUBEventDal& store = ZUBEventDal::getInstance();
+            ZUBEventDictionary& waiting = store.toReportEvents();
+            ZUBEventDictionary& retry = store.retryEvents();
+            if (waiting.empty() && retry.empty()) {
+                lastReportTs_ = zub::Clock::nowSeconds();
+                return;
+            }
+            if (waiting.size() < n) {
+                addSendingEventFromToReportEvents(waiting.size());
+                const std::uint64_t vacuum = config.vacuumTimeLength();
+                std::uint64_t k = std::min<std::uint64_t>(retry.size(), n - waiting.size());
+                // Every examined retry event uses up its place, taken or not.
+                for (auto it = retry.begin(); it != retry.end() && k > 0; ++it, --k) {
+                    const auto& event = it->second;
+                    const std::uint64_t now = zub::Clock::nowSeconds();
+                    const std::uint64_t last = event->lastReportTs();
+                    if (last == 0 || (now - last > vacuum && event->retryNum() > 0)) {
+                        event->setLastReportTs(now);
+                        sendingEvents_.push_back(event);
+                    }
+                }
+            } else {
+                addSendingEventFromToReportEvents(n);
+            }
+            if (sendingEvents_.empty()) return;
+        }
+        isSendingCacheEvent_ = true;
+        batch = sendingEvents_;
+    }
+    doReportEvents(std::move(batch));
+}
+
+zub::Value ZUBEventLogic::instantEventList() const {
+    std::lock_guard lock(listsMutex_);
+    return instantEventList_;
+}
+void ZUBEventLogic::setInstantEventList(zub::Value v) {
+    std::lock_guard lock(listsMutex_);
+    instantEventList_ = std::move(v);
+}
+zub::Value ZUBEventLogic::ignoreEventList() const {
+    std::lock_guard lock(listsMutex_);
+    return ignoreEventList_;
+}
+void ZUBEventLogic::setIgnoreEventList(zub::Value v) {
+    std::lock_guard lock(listsMutex_);
+    ignoreEventList_ = std::move(v);
+}
+
+ZUBEventLogic::EventList ZUBEventLogic::sendingEvents() {
+    std::lock_guard lock(eventListLock_);
+    return sendingEvents_;
+}
+
+void ZUBEventLogic::setSendingEvents(EventList v) {
+    std::lock_guard lock(eventListLock_);
+    sendingEvents_ = std::move(v);
+}

@@ -1,0 +1,101 @@
+// ZUBEventLogic: every recorded event passes through here on its way to the
+// report server.
+//
+// reportEvent / reportEvents(list) return at once; on the serial queue
+// "ZUBHttpDispatcher" each event gets its identity key (md5), is filed in the
+// event store's waiting dictionary, and the report strategy decides whether a
+// report cycle starts now:
+//   smart reporting on Wi-Fi, or strategy 1: at once;
+//   strategy 8 (default): at the next start or activation of the host;
+//   strategy 5: only the stored period clock moves;
+//   any other value: kept ("deprecated report strategy cache events").
+// A cycle needs a registered mid. It takes up to maxOnceSendCount events, waiting
+// ones first, then retry ones, posts them as one JSON array to reportURL (10 s
+// limit), and settles the batch from the reply: "ret" "0" removes it; other
+// failures count an attempt (3 for ordinary events, 10 for important ones) or,
+// for network errors, only mark the events; a reply that is not a dictionary
+// leaves the batch to be sent again. While the network is reachable, a cycle
+// follows each reply until nothing eligible is left.
+//
+// Locking: the batch (sendingEvents) and both event dictionaries change only
+// under the event store's lock. isSendingCacheEvent is set under that lock when
+// a batch is taken, so two cycles never send at once.
+#pragma once
+
+#include "Dal/ZUBEventDictionary.h"
+#include "Platform/SerialQueue.h"
+
+#include <ZUBCocoa/ZUBProEvent.h>
+#include <ZUBCocoa/ZUBValue.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+class ZUBProReachability;
+
+class ZUBEventLogic {
+public:
+    using EventPtr = std::shared_ptr<ZUBProEvent>;
+    using EventList = std::vector<EventPtr>;
+
+    static ZUBEventLogic& getInstance();
+    ZUBEventLogic(const ZUBEventLogic&) = delete;
+    ZUBEventLogic& operator=(const ZUBEventLogic&) = delete;
+
+    /// Files one event (on the queue) and checks the strategy. Null is ignored.
+    void reportEvent(EventPtr event);
+    /// Files each event in order, then checks the strategy once.
+    void reportEvents(EventList events);
+    /// One report cycle on the calling thread (the post itself goes to the queue).
+    void reportEvents();
+    /// Decides whether to start a cycle; runs on the queue.
+    void checkStrategyReport();
+    /// Moves up to `maximum` eligible waiting events into the batch (lock held).
+    void addSendingEventFromToReportEvents(std::uint64_t maximum);
+    /// The identity key of an event (and sets its eventIndex first).
+    std::optional<std::string> generateMd5(ZUBProEvent& event);
+
+    /// Posts the batch on the queue and handles the reply there.
+    void doReportEvents(EventList batch);
+    /// The request body "[e1,e2,...]"; events too long (except type 3) are dropped
+    /// for good; nothing when no event contributes.
+    std::optional<zub::Data> getRequestData(const EventList& batch);
+    /// Settles the batch from the decoded reply and starts the next cycle.
+    void doAfReceiveData(const std::optional<zub::Value>& reply);
+    /// Counts a failed attempt for every event of the batch (or only marks them,
+    /// for network failures).
+    void handleReportFailed(const std::optional<zub::Value>& reply);
+
+    EventList sendingEvents();
+    void setSendingEvents(EventList v);
+    bool isSendingCacheEvent() const { return isSendingCacheEvent_; }
+    void setIsSendingCacheEvent(bool v) { isSendingCacheEvent_ = v; }
+    std::uint64_t lastReportTs() const { return lastReportTs_; }
+    void setLastReportTs(std::uint64_t v) { lastReportTs_ = v; }
+    zub::Value instantEventList() const;
+    void setInstantEventList(zub::Value v);
+    zub::Value ignoreEventList() const;
+    void setIgnoreEventList(zub::Value v);
+
+    /// The queue "ZUBHttpDispatcher" (tests flush it).
+    zub::SerialQueue& queue() { return queue_; }
+
+private:
+    ZUBEventLogic();
+    void file(const EventPtr& event);
+    std::int64_t networkStatus();
+
+    zub::SerialQueue queue_{"ZUBHttpDispatcher"};
+    std::recursive_mutex& eventListLock_;  // the event store's lock ("_eventListKey")
+    EventList sendingEvents_;              // guarded by eventListLock_
+    std::atomic<bool> isSendingCacheEvent_{false};
+    std::atomic<std::uint64_t> lastReportTs_{0};
+    mutable std::mutex listsMutex_;
+    zub::Value instantEventList_ = zub::Value::array();  // guarded by listsMutex_
+    zub::Value ignoreEventList_ = zub::Value::array();   // guarded by listsMutex_
+    std::unique_ptr<ZUBProReachability> reachability_;   // made once, read-only after
+};
