@@ -131,5 +131,5 @@ TEST(CollectorConcurrency, ParallelClientsLoseNothingAndShareOneMidPerDevice) {
     EXPECT_EQ(indexes.size(), rows.size());
     EXPECT_EQ(*indexes.begin(), 0);
     EXPECT_EQ(*indexes.rbegin(), kThreads * kBatches * kEvents - 1);
-    EXPECT_EQ(collector.stop(), 0);
+    EXPECT_EQ(collector.stop(), 0) << collector.log();
 }
