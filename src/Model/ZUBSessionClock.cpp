@@ -18,7 +18,7 @@ std::atomic<std::uint64_t> gExpireDayTimestamp{0};
 // values srandom/random would.
 struct Generator {
     std::mutex mutex;
-    char state[128] = {};    // guarded by mutex
+    alignas(8) char state[128] = {};  // guarded by mutex
     random_data data = {};   // guarded by mutex
     bool ready = false;      // guarded by mutex
 };

@@ -96,7 +96,7 @@ public:
                 return Outcome::Failed;
             }
             if (got == 0) return Outcome::Failed;
-            int remaining = static_cast<int>(got);
+            unsigned int remaining = static_cast<unsigned int>(got);
             for (auto* h = reinterpret_cast<nlmsghdr*>(buffer.data()); NLMSG_OK(h, remaining);
                  h = NLMSG_NEXT(h, remaining)) {
                 if (h->nlmsg_seq != seq_ || h->nlmsg_pid != portId_) continue;
@@ -394,7 +394,11 @@ void runListener(std::shared_ptr<LinkMonitor::Listener> listener, const LinkStat
         const std::optional<std::uint32_t> now = target->flags();
         if (now != last) {
             last = now;
-            callback(now.value_or(0));
+            try {
+                callback(now.value_or(0));
+            } catch (...) {
+                // The callback's failure is its own; the listener keeps listening.
+            }
         }
     }
 }

@@ -4,6 +4,7 @@
 // name (and to observers of all names), in the order the observers were added.
 // The centre keeps no lock while an observer runs, so an observer may post,
 // add observers or remove observers (itself included) from inside its call.
+// An exception thrown by an observer ends the post and reaches the poster.
 //
 // Threads: every operation may be called from any thread. After removeObserver
 // returns, no new call of the observer starts, and (when called from outside the

@@ -9,8 +9,14 @@
 const char* const kZUBProReachabilityChangedNotification = "kNetworkReachabilityChangedNotification";
 
 void ReachabilityCallback(const zub::LinkState& /*target*/, std::uint32_t /*flags*/, void* info) {
-    zub::NotificationCenter::defaultCenter().post(kZUBProReachabilityChangedNotification,
-                                                  std::any(static_cast<ZUBProReachability*>(info)));
+    try {
+        zub::NotificationCenter::defaultCenter().post(kZUBProReachabilityChangedNotification,
+                                                      std::any(static_cast<ZUBProReachability*>(info)));
+    } catch (const std::exception& e) {
+        ZUBProHelper::LogDebug("reachability: an observer failed: %@", e.what());
+    } catch (...) {
+        ZUBProHelper::LogDebug("reachability: an observer failed");
+    }
 }
 
 ZUBProReachability::ZUBProReachability(std::unique_ptr<zub::LinkState> handle) : _reachabilityRef(std::move(handle)) {}

@@ -245,6 +245,19 @@ TEST(ZUBProReachabilityNetns, NotifierPostsWhenTheRouteComesAndGoes) {
     EXPECT_EQ(ns.exitCode(), 0);
 }
 
+TEST(ZUBProReachabilityNetns, AnObserverMayStopTheNotifierFromItsCall) {
+    Namespace ns;
+    REQUIRE_NAMESPACE(ns);
+    ASSERT_EQ(ns.ask("once"), "once 1");
+    ASSERT_EQ(ns.ip("route add default dev zv0"), 0);
+    EXPECT_EQ(ns.next(), "once-notified 1");
+    ASSERT_EQ(ns.ip("route del default dev zv0"), 0);
+    EXPECT_EQ(ns.ask("status"), "status 0 type - conn 0");
+    const auto rest = ns.finish();
+    EXPECT_TRUE(rest.empty()) << "posted after stopping: " << rest.front();
+    EXPECT_EQ(ns.exitCode(), 0);
+}
+
 TEST(ZUBProReachabilityNetns, WifiProbeFindsNoWirelessInterface) {
     Namespace ns;
     REQUIRE_NAMESPACE(ns);
@@ -285,4 +298,39 @@ TEST(ZUBProReachabilityConcurrency, StatusQueriesFromManyThreads) {
     }
     for (auto& t : threads) t.join();
     EXPECT_EQ(agree.load(), 100);
+}
+
+TEST(ZUBProReachabilityConcurrency, StartStopRacesWithPostsInThisProcess) {
+    auto shared = ZUBProReachability::reachabilityForInternetConnection();
+    ASSERT_TRUE(shared);
+    auto& center = zub::NotificationCenter::defaultCenter();
+    std::atomic<bool> stop{false};
+    std::atomic<long> delivered{0};
+    std::atomic<int> startFailures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 40; ++i) {
+                if (!shared->startNotifier()) ++startFailures;
+                auto fresh = ZUBProReachability::reachabilityForInternetConnection();
+                if (!fresh->startNotifier()) ++startFailures;
+                shared->stopNotifier();
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        do {
+            const auto id = center.addObserver(kZUBProReachabilityChangedNotification, [&](const zub::Notification& n) {
+                if (std::any_cast<ZUBProReachability*>(n.object) == shared.get()) ++delivered;
+            });
+            center.post(kZUBProReachabilityChangedNotification, std::any(shared.get()));
+            center.removeObserver(id);
+        } while (!stop);
+    });
+    for (int t = 0; t < 2; ++t) threads[static_cast<std::size_t>(t)].join();
+    stop = true;
+    threads.back().join();
+    EXPECT_EQ(startFailures.load(), 0);
+    EXPECT_GT(delivered.load(), 0);
+    EXPECT_EQ(center.observerCount(), 0u);
 }

@@ -11,6 +11,9 @@
 //   start                -> "started <0|1>"    notifier on one kept wrapper; each
 //                           change prints "notify <n> <1 if the object is that wrapper>"
 //   stop                 -> "stopped"
+//   once                 -> "once <0|1>": a notifier on another wrapper whose
+//                           observer stops it from inside its first call, printing
+//                           "once-notified <n>" (the thread ends by itself)
 //   carrier <if> <0|1>   -> "carrier <if> <0|1>" once the interface's carrier
 //                           (IFF_RUNNING) is as asked, "timeout" after 10 s; the
 //                           kernel reports carrier changes a little later than
@@ -154,6 +157,8 @@ int main() {
 
     std::unique_ptr<ZUBProReachability> watched;
     zub::NotificationCenter::ObserverId observer = 0;
+    std::unique_ptr<ZUBProReachability> onceWrapper;
+    zub::NotificationCenter::ObserverId onceObserver = 0;
     Churn churn;
     std::string line;
     while (std::getline(std::cin, line)) {
@@ -184,6 +189,17 @@ int main() {
                     });
             }
             say(std::string("started ") + (watched->startNotifier() ? "1" : "0"));
+        } else if (command == "once") {
+            if (!onceWrapper) onceWrapper = ZUBProReachability::reachabilityForInternetConnection();
+            ZUBProReachability* target = onceWrapper.get();
+            onceObserver = zub::NotificationCenter::defaultCenter().addObserver(
+                kZUBProReachabilityChangedNotification, [target](const zub::Notification& n) {
+                    auto* const* object = std::any_cast<ZUBProReachability*>(&n.object);
+                    if (!object || *object != target) return;
+                    target->stopNotifier();  // from the listener thread itself
+                    say("once-notified " + std::to_string(target->currentReachabilityStatus()));
+                });
+            say(std::string("once ") + (onceWrapper->startNotifier() ? "1" : "0"));
         } else if (command == "stop") {
             if (watched) watched->stopNotifier();
             say("stopped");
@@ -207,5 +223,7 @@ int main() {
     }
     if (watched) watched->stopNotifier();
     zub::NotificationCenter::defaultCenter().removeObserver(observer);
+    zub::NotificationCenter::defaultCenter().removeObserver(onceObserver);
+    onceWrapper.reset();
     return 0;
 }
