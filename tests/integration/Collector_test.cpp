@@ -310,3 +310,60 @@ TEST(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
     EXPECT_EQ(noDb.exitCode, 2);
     EXPECT_NE(noDb.err.find("stats needs --db PATH"), std::string::npos) << noDb.err;
 }
+
+namespace {
+
+// Runs the sqlite3 shell on a database; its output, or nothing when it failed.
+std::optional<std::string> sqlite(const std::filesystem::path& db, const std::string& sql) {
+    const std::string command = "sqlite3 '" + db.string() + "' \"" + sql + "\" 2>&1";
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (!pipe) return std::nullopt;
+    std::string out;
+    char buffer[512];
+    while (std::fgets(buffer, sizeof buffer, pipe)) out += buffer;
+    return ::pclose(pipe) == 0 ? std::optional<std::string>(out) : std::nullopt;
+}
+
+}  // namespace
+
+TEST(CollectorSchema, MigratesAnOlderDatabaseAndRefusesANewerOne) {
+    REQUIRE_COLLECTOR();
+    if (!sqlite(":memory:", "SELECT 1")) GTEST_SKIP() << "no sqlite3 shell";
+    const auto configPath = zubtest::TempHome::makeDir("schema-cfg") / "online.json";
+    std::ofstream(configPath) << R"({"app": {"v": 4, "c": {"k": "v"}}})";
+    std::filesystem::path db;
+    {
+        CollectorProcess collector;
+        ASSERT_TRUE(collector.start()) << collector.failure();
+        db = collector.db();
+        const auto reply = postThroughLibrary(zub::Value::array({event("app-A", "mid-1", 4, 1, 1700000000, 1)}),
+                                              collector.url("/mstat/report"));
+        ASSERT_TRUE(reply && (*reply)["ret"] == 0);
+        ASSERT_EQ(collector.stop(), 0);
+    }
+    EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "2\n");
+    // Take the database back to version 1, as an older collector left it.
+    ASSERT_TRUE(sqlite(db, "DROP TABLE config_state; DROP INDEX events_ts; UPDATE schema_version SET version = 1"));
+    {
+        CollectorProcess collector({"--config", configPath.string()}, db);
+        ASSERT_TRUE(collector.start()) << collector.failure();
+        EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "2\n");
+        EXPECT_EQ(collector.storedEvents().size(), 1u);
+        // The table the migration added is in use at once.
+        const auto reply = postThroughLibrary(zub::Value::array({event("app-A", "mid-1", 4, 1, 1700000001, 2)}),
+                                              collector.url("/mstat/report"));
+        ASSERT_TRUE(reply && reply->contains("cfg")) << (reply ? reply->dump() : "no reply");
+        EXPECT_EQ(sqlite(db, "SELECT app_version FROM config_state WHERE mid = 'mid-1'"), "4\n");
+        ASSERT_EQ(collector.stop(), 0);
+    }
+    // A database from a newer collector is left alone.
+    ASSERT_TRUE(sqlite(db, "UPDATE schema_version SET version = 99"));
+    CollectorProcess newer({}, db);
+    EXPECT_FALSE(newer.start());
+    EXPECT_NE(newer.failure().find("database schema version 99 is newer than this collector's (2)"), std::string::npos)
+        << newer.failure();
+    const auto listed = CollectorProcess::run({"events", "--db", db.string(), "--json"});
+    EXPECT_EQ(listed.exitCode, 1);
+    EXPECT_NE(listed.err.find("newer than this collector's"), std::string::npos) << listed.err;
+    EXPECT_EQ(sqlite(db, "SELECT COUNT(*) FROM events"), "2\n");
+}
