@@ -180,6 +180,14 @@ TEST(CollectorBadInput, OversizedBodiesAreRefusedWithoutBeingRead) {
                                                    std::string(1024, 'x'));
     EXPECT_EQ(announced.rfind("HTTP/1.1 413", 0), 0u) << announced.substr(0, 200);
 
+    // A client that asks before sending (Expect: 100-continue) is told no at once.
+    const std::string asked = exchangeOnSocket(collector.port(),
+                                               "POST /mstat/report HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+                                               "Content-Encoding: rc4,gzip\r\nContent-Length: 2000000\r\n"
+                                               "Expect: 100-continue\r\n\r\n",
+                                               "");
+    EXPECT_EQ(asked.rfind("HTTP/1.1 413", 0), 0u) << asked.substr(0, 200);
+
     // A chunked body with no length: counted as it arrives and refused past the limit.
     std::string chunk(70000, 'y');
     char size[32];
