@@ -33,6 +33,7 @@ zub::Data ZUBEventDal::encodeLogfile(const ZUBEventDictionary& events) {
 }
 
 std::optional<ZUBEventDictionary> ZUBEventDal::decodeLogfile(const zub::Data& bytes) {
+    registerEventClasses();
     auto archive = ZUBProHelper::uncompressGZip(bytes);
     if (!archive) return std::nullopt;
     auto entries = zub::KeyedUnarchiver::unarchiveOrderedDictionaryWithData<ZUBProEvent>(*archive);

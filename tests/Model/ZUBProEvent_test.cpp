@@ -1,0 +1,167 @@
+#include <ZUBCocoa/ZUBProEvent.h>
+
+#include "Common/ZUBProConfig.h"
+#include "Dal/ZUBDeviceIDDal.h"
+#include "Model/ZUBEventClasses.h"
+#include "Model/ZUBProEnv.h"
+#include "Model/ZUBProUser.h"
+#include "Platform/KeyedArchiver.h"
+#include "support/LogCapture.h"
+#include "support/ManualClock.h"
+
+#include <gtest/gtest.h>
+
+using zubtest::LogCapture;
+using zubtest::ManualClock;
+
+namespace {
+
+zub::Value envelopeOf(ZUBProEvent& event) {
+    auto json = event.toJsonString();
+    EXPECT_TRUE(json && !json->empty());
+    return zub::Value::parse(json.value_or("{}"));
+}
+
+class ThrowingEvent : public ZUBProEvent {
+public:
+    std::string className() const override { return "ThrowingEvent"; }
+    void encode(zub::Value& envelope) override {
+        envelope["before"] = true;
+        throw std::runtime_error("encode failed");
+    }
+};
+
+}  // namespace
+
+TEST(ZUBProEvent, EnvelopeKeysFollowTheirPresenceRules) {
+    ZUBProConfig& config = ZUBProConfig::getInstance();
+    config.setAppkey(std::string("configured-key"));
+
+    ZUBProEvent event;
+    event.setType(1000);
+    event.setSid(77);
+    event.setTs(1700000000);
+    zub::Value e = envelopeOf(event);
+    EXPECT_EQ(e["ky"], "configured-key");
+    EXPECT_EQ(e["si"], 77);
+    EXPECT_EQ(e["ts"], 1700000000u);
+    EXPECT_EQ(e["et"], 1000);
+    EXPECT_EQ(e["ui"], ZUBDeviceIDDal::getInstance().getOpenUDID());
+    EXPECT_EQ(e["ifv"], ZUBDeviceIDDal::getInstance().getIdfv());
+    EXPECT_EQ(e["ioa"], ZUBDeviceIDDal::getInstance().getOpenIDFA());
+    EXPECT_EQ(e["sv"], "1.0.0");
+    EXPECT_EQ(e["ch"], "Mac App Developer");
+    EXPECT_EQ(e["ut"], ZUBProUser::getInstance().userType());
+    EXPECT_EQ(e["mc"], "0");
+    for (const char* absent : {"cui", "cav", "mid", "rt", "m5"}) EXPECT_FALSE(e.contains(absent)) << absent;
+
+    // The event's own key wins; host settings appear; a retried event says so once.
+    event.setAppkey(std::string("own-key"));
+    event.setRetryNum(4);
+    event.setMd5(std::string("abc"));
+    config.setCustomUserID(std::string("user-9"));
+    config.setCustomAppVersion(std::string("9.9"));
+    ZUBDeviceIDDal::getInstance().saveMID(std::string("mid-1"));
+    e = envelopeOf(event);
+    EXPECT_EQ(e["ky"], "own-key");
+    EXPECT_EQ(e["rt"], 1);
+    EXPECT_EQ(e["m5"], "abc");
+    EXPECT_EQ(e["cui"], "user-9");
+    EXPECT_EQ(e["cav"], "9.9");
+    EXPECT_EQ(e["av"], "9.9");
+    EXPECT_EQ(e["mid"], "mid-1");
+
+    // Without an SDK version, "sv", "av" and "ch" go but "ut" stays.
+    const auto sdk = ZUBProEnv::getInstance().sdk_version();
+    ZUBProEnv::getInstance().setSdk_version(std::nullopt);
+    e = envelopeOf(event);
+    for (const char* absent : {"sv", "av", "ch"}) EXPECT_FALSE(e.contains(absent)) << absent;
+    EXPECT_TRUE(e.contains("ut"));
+    ZUBProEnv::getInstance().setSdk_version(sdk);
+
+    // The session type carries none of them in the envelope; both keys null gives no "ky".
+    event.setType(2);
+    event.setAppkey(std::nullopt);
+    config.setAppkey(std::nullopt);
+    e = envelopeOf(event);
+    for (const char* absent : {"sv", "av", "ch", "ut", "ky"}) EXPECT_FALSE(e.contains(absent)) << absent;
+}
+
+TEST(ZUBProEvent, EverySerialisationDrawsANewIndex) {
+    ManualClock clock;
+    clock.setSeconds(1700000000.123456);
+    ZUBProEvent event;  // timeStr = "3456" (microseconds 123456 without their first two digits)
+    ASSERT_EQ(event.timeStr(), "3456");
+
+    const std::uint64_t before = ZUBProEvent::idx();
+    clock.setSeconds(1700000001.654321);
+    const zub::Value first = envelopeOf(event);
+    const auto index = static_cast<std::uint32_t>(first["idx"].get<std::int32_t>());
+    // digit 0-3, then timeStr, then the last five digits of the microseconds.
+    EXPECT_EQ(index % 1000000000u, 345654321u);
+    EXPECT_LE(index / 1000000000u, 3u);
+    EXPECT_EQ(event.eventIndex(), first["idx"].get<std::int32_t>());
+
+    clock.setSeconds(1700000001.600001);
+    const zub::Value second = envelopeOf(event);
+    EXPECT_NE(first["idx"], second["idx"]);
+    EXPECT_EQ(ZUBProEvent::idx(), before + 2);
+
+    for (int i = 0; i < 200; ++i) {
+        const std::int32_t r = ZUBProEvent::getRandomNumber(0, 3);
+        EXPECT_GE(r, 0);
+        EXPECT_LE(r, 3);
+        EXPECT_EQ(ZUBProEvent::getRandomNumber(5, 5), 5);
+    }
+}
+
+TEST(ZUBProEvent, EncodeHookFailureKeepsTheEnvelope) {
+    LogCapture log;
+    ThrowingEvent event;
+    event.setType(7);
+    const zub::Value e = envelopeOf(event);
+    EXPECT_EQ(e["before"], true);
+    EXPECT_EQ(e["et"], 7);
+    EXPECT_TRUE(log.has("[ZUBDebug] exception :%"));
+
+    // The base hook adds nothing and says so in the system log.
+    log.clear();
+    ZUBProEvent plain;
+    const zub::Value p = envelopeOf(plain);
+    EXPECT_TRUE(log.has("super encode"));
+    EXPECT_FALSE(p.contains("before"));
+}
+
+TEST(ZUBProEvent, RestoredEventDropsAppkeyAndTimeStr) {
+    registerEventClasses();
+    ZUBProConfig::getInstance().setAppkey(std::string("process-key"));
+    auto event = std::make_shared<ZUBProEvent>();
+    event->setMd5(std::string("0123456789abcdef0123456789abcdef"));
+    event->setType(1000);
+    event->setSid(5);
+    event->setTs(1700000000);
+    event->setRetryNum(2);
+    event->setLastReportTs(1700000005);
+    event->setIsImportant(true);
+    event->setIsWrongWifi(true);
+    event->setAppkey(std::string("archived-key"));
+
+    const zub::Data bytes = zub::KeyedArchiver::archivedDataWithRootObject(event);
+    auto back = zub::KeyedUnarchiver::unarchiveObjectWithData<ZUBProEvent>(bytes);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->md5(), event->md5());
+    EXPECT_EQ(back->type(), 1000);
+    EXPECT_EQ(back->sid(), 5u);
+    EXPECT_EQ(back->ts(), 1700000000u);
+    EXPECT_EQ(back->retryNum(), 2);
+    EXPECT_EQ(back->lastReportTs(), 1700000005u);
+    EXPECT_TRUE(back->isImportant());
+    EXPECT_FALSE(back->isWrongWifi());
+    EXPECT_EQ(back->appkey(), std::nullopt);
+    EXPECT_EQ(back->timeStr(), std::nullopt);
+
+    const zub::Value e = envelopeOf(*back);
+    EXPECT_EQ(e["ky"], "process-key");
+    EXPECT_GE(e["idx"].get<std::int32_t>(), 0);
+    EXPECT_LE(e["idx"].get<std::int32_t>(), 3);  // the random digit alone
+}
