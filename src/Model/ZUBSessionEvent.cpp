@@ -76,7 +76,11 @@ void ZUBSessionEvent::encode(zub::Value& envelope) {
     if (auto v = env.platform()) ev["pl"] = *v;
     if (auto v = env.timezone()) ev["tz"] = *v;
     if (auto v = env.os_version()) ev["ov"] = *v;
-    if (auto v = config.customAppVersion() ? config.customAppVersion() : env.app_version()) ev["av"] = *v;
+    if (auto custom = config.customAppVersion()) {
+        ev["av"] = *custom;
+    } else if (auto v = env.app_version()) {
+        ev["av"] = *v;
+    }
     ev["os"] = 2;
     if (auto v = env.sdk_version()) ev["sv"] = *v;
     if (auto v = env.language()) ev["lg"] = *v;

@@ -16,9 +16,31 @@ ZUBEventLogic& ZUBEventLogic::getInstance() {
 
 ZUBEventLogic::ZUBEventLogic()
     : eventListLock_(ZUBEventDal::getInstance().eventListLock()),
-      reachability_(ZUBProReachability::reachabilityForInternetConnection()) {}
+      reachability_(ZUBProReachability::reachabilityForInternetConnection()) {
+    startStatusMonitor();
+}
+
+void ZUBEventLogic::startStatusMonitor() {
+    if (!reachability_) return;
+    const ZUBProReachability* reachability = reachability_.get();
+    statusMonitor_ = std::make_unique<zub::LinkMonitor>(reachability->handle(), [this, reachability](std::uint32_t flags) {
+        cachedStatus_.store(static_cast<std::int64_t>(reachability->networkStatusForFlags(flags)));
+    });
+    if (!statusMonitor_->start()) {
+        ZUBProHelper::LogDebug("reachability: cannot watch %@, asking at every check",
+                               reachability->handle().description());
+        return;
+    }
+    // Read after the monitor runs, so no change can fall between the two. A value
+    // the monitor stored meanwhile is kept: any change after it brings another notice.
+    std::int64_t unknown = kStatusUnknown;
+    cachedStatus_.compare_exchange_strong(unknown,
+                                          static_cast<std::int64_t>(reachability->currentReachabilityStatus()));
+}
 
 std::int64_t ZUBEventLogic::networkStatus() {
+    const std::int64_t cached = cachedStatus_.load();
+    if (cached != kStatusUnknown) return cached;
     return reachability_ ? static_cast<std::int64_t>(reachability_->currentReachabilityStatus()) : 0;
 }
 

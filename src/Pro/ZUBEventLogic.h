@@ -19,10 +19,19 @@
 //
 // Locking: the batch (sendingEvents) and both event dictionaries change only
 // under the event store's lock. isSendingCacheEvent is set under that lock when
-// a batch is taken, so two cycles never send at once.
+// a batch is taken, so two cycles never send at once; it is cleared once the
+// reply has been handled. The flag, lastReportTs and the cached network status
+// are atomics; instantEventList and ignoreEventList have a small lock of their own.
+//
+// Network status: asked once per filing call and once per reply. Reading the
+// kernel's tables costs a netlink round trip, so the status is kept up to date by
+// a link monitor (a listener thread that wakes only on the kernel's link, address
+// and route notices) and read from memory; where no monitor can run, every check
+// asks the kernel.
 #pragma once
 
 #include "Dal/ZUBEventDictionary.h"
+#include "Platform/LinkState.h"
 #include "Platform/SerialQueue.h"
 
 #include <ZUBCocoa/ZUBProEvent.h>
@@ -87,7 +96,9 @@ public:
 private:
     ZUBEventLogic();
     void file(const EventPtr& event);
+    /// The current reachability status (0, 1 or 2) of the internet target.
     std::int64_t networkStatus();
+    void startStatusMonitor();
 
     zub::SerialQueue queue_{"ZUBHttpDispatcher"};
     std::recursive_mutex& eventListLock_;  // the event store's lock ("_eventListKey")
@@ -98,4 +109,8 @@ private:
     zub::Value instantEventList_ = zub::Value::array();  // guarded by listsMutex_
     zub::Value ignoreEventList_ = zub::Value::array();   // guarded by listsMutex_
     std::unique_ptr<ZUBProReachability> reachability_;   // made once, read-only after
+    // The status the monitor last reported; kStatusUnknown until it runs.
+    static constexpr std::int64_t kStatusUnknown = -1;
+    std::atomic<std::int64_t> cachedStatus_{kStatusUnknown};
+    std::unique_ptr<zub::LinkMonitor> statusMonitor_;    // made once, never destroyed
 };

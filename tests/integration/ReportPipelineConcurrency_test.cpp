@@ -1,0 +1,108 @@
+// Host threads tracking while report cycles run and the host drives the
+// lifecycle: run under ThreadSanitizer as well.
+#include "Common/DeviceID/ZUBProMid.h"
+#include "Common/ZUBProConfig.h"
+#include "Dal/ZUBDeviceIDDal.h"
+#include "Platform/Clock.h"
+#include "Pro/ZUBEventLogic.h"
+#include "support/CollectorProcess.h"
+#include "support/LogCapture.h"
+#include "support/ReportPipeline.h"
+
+#include <ZUBCocoa/ZUBPro.h>
+#include <ZUBCocoa/ZUBProEvent.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
+
+using zubtest::CollectorProcess;
+
+namespace {
+
+using Events = std::vector<std::shared_ptr<ZUBProEvent>>;
+
+// Each thread reports plain events (as a plug-in does) and asks for the session id.
+std::vector<Events> trackOnThreads(int threads, int each) {
+    std::vector<Events> made(static_cast<std::size_t>(threads));
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&made, t, each] {
+            for (int i = 0; i < each; ++i) {
+                auto e = std::make_shared<ZUBProEvent>();
+                e->setType(4000 + t);
+                e->setSid(ZUBPro::getSessionID(i % 16 == 0));
+                e->setTs(zub::Clock::nowSeconds());
+                ZUBPro::reportEvent(e);
+                made[static_cast<std::size_t>(t)].push_back(std::move(e));
+            }
+        });
+    }
+    for (auto& w : workers) w.join();
+    return made;
+}
+
+}  // namespace
+
+TEST(ReportPipelineConcurrency, HostThreadsTrackWhileCyclesRunAndTheLifecycleTurns) {
+    if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector";
+    CollectorProcess collector({"--quiet"});
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUBProConfig::getInstance().setReportURL(collector.url("/mstat/report"));
+    ZUBProConfig::getInstance().setMidURL(collector.url("/?t=ios&ver=2.0"));
+    zubtest::LogCapture quiet(false);  // the base event's "super encode" lines stay here
+    ZUBPro::setSmartReport(false);
+    ZUBPro::setReportStrategy(1);
+    ZUBProMid::getInstance().reportMid();
+    ASSERT_TRUE(zubtest::settlePipeline());
+    ASSERT_FALSE(ZUBDeviceIDDal::getInstance().getMID().empty());
+    ZUBPro::startWithAppKey("app-threads");
+
+    // Phase one: eight threads track while the host turns the lifecycle. Saving and
+    // then loading replaces the dictionaries by design, so this phase checks only
+    // that nothing races, crashes or arrives that was never reported.
+    std::atomic<bool> tracking{true};
+    std::thread host([&] {
+        while (tracking.load()) {
+            ZUBPro::onWillApplicationResignActive();
+            ZUBPro::onWillApplicationEnterBackground();
+            ZUBPro::onApplicationDidBecomeActive();
+            ZUBPro::onDidApplicationBecomeActive();
+            ZUBPro::onWillApplicationWillTerminate();
+            (void)ZUBPro::getDeviceIDs();
+        }
+    });
+    const auto first = trackOnThreads(8, 150);
+    tracking = false;
+    host.join();
+
+    // Phase two: no lifecycle calls, so every event must arrive.
+    const auto second = trackOnThreads(8, 50);
+    ASSERT_TRUE(zubtest::settlePipeline(256));
+
+    std::set<std::string> reported;
+    for (const auto* phase : {&first, &second}) {
+        for (const auto& events : *phase) {
+            for (const auto& e : events) {
+                ASSERT_TRUE(e->md5().has_value());
+                reported.insert(*e->md5());
+            }
+        }
+    }
+    ASSERT_EQ(reported.size(), 8u * 200u);  // every event got its own key
+
+    std::set<std::string> stored;
+    for (const auto& row : collector.storedEvents()) {
+        const zub::Value& e = row["event"];
+        if (e["et"].get<std::int64_t>() == 2) continue;  // session events
+        const std::string m5 = e["m5"].get<std::string>();
+        EXPECT_TRUE(reported.count(m5)) << "never reported: " << e;
+        stored.insert(m5);
+    }
+    for (const auto& events : second) {
+        for (const auto& e : events) EXPECT_TRUE(stored.count(*e->md5())) << "lost: " << *e->md5();
+    }
+    EXPECT_FALSE(ZUBEventLogic::getInstance().isSendingCacheEvent());
+}
