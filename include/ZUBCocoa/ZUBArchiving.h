@@ -61,6 +61,7 @@
 #include <concepts>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
@@ -336,22 +337,10 @@ public:
     /// std::nullopt when the root is not a dictionary of objects.
     template <class T>
     static std::optional<std::map<std::string, std::shared_ptr<T>>> unarchiveDictionaryWithData(const Data& data) {
-        auto root = unarchiveObjectWithData(data);
-        if (!root) return std::nullopt;
-        auto* dictionary = std::get_if<ArchivableDictionary>(&*root);
-        if (dictionary == nullptr) {
-            logFailure("root is not a dictionary of objects");
-            return std::nullopt;
-        }
-        std::map<std::string, std::shared_ptr<T>> out;
-        for (auto& [key, object] : *dictionary) {
-            if (auto typed = std::dynamic_pointer_cast<T>(object)) {
-                out.emplace(key, std::move(typed));
-            } else {
-                logFailure("entry " + key + " has an unexpected class and is dropped");
-            }
-        }
-        return out;
+        auto ordered = unarchiveOrderedDictionaryWithData<T>(data);
+        if (!ordered) return std::nullopt;
+        return std::map<std::string, std::shared_ptr<T>>(std::make_move_iterator(ordered->begin()),
+                                                         std::make_move_iterator(ordered->end()));
     }
     /// Same, in archive order, as (key, object) pairs.
     template <class T>
