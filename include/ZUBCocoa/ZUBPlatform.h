@@ -9,6 +9,7 @@
 
 #include <ZUBCocoa/ZUBExport.h>
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -29,5 +30,27 @@ ZUB_EXPORT std::optional<std::string> bundleInfo(const std::string& key);
 /// function removes the sink.
 using LogSink = std::function<void(const std::string& line)>;
 ZUB_EXPORT void setLogSink(LogSink sink);
+
+/// Calls `observer` with the notification's name each time the library posts a
+/// notification of that name; an empty name observes every notification. This is
+/// how a plug-in waits for the start of the main service:
+///
+///   auto id = zub::addNotificationObserver(ZUBProMainServiceStartNotification,
+///                                          [](const std::string&) { myPlugin.start(); });
+///
+/// The observer runs synchronously on the posting thread (for the start
+/// notification: the thread that called ZUBPro::startWithAppKey, before that call
+/// returns), once per post: a second start posts again. Keep it short and do not
+/// block there. An exception it throws is caught, logged to the debug log and
+/// goes no further; the other observers still run.
+/// Returns the registration's id (never 0), or 0 when `observer` is empty.
+/// Thread-safe; an observer may add or remove observers, itself included.
+using NotificationObserver = std::function<void(const std::string& name)>;
+ZUB_EXPORT std::uint64_t addNotificationObserver(const std::string& name, NotificationObserver observer);
+
+/// Removes a registration made by addNotificationObserver; unknown ids and 0 are
+/// ignored. Called from outside the observer, it returns once no call of the
+/// observer is running any more, so the observer's captures may then be destroyed.
+ZUB_EXPORT void removeNotificationObserver(std::uint64_t id);
 
 }  // namespace zub

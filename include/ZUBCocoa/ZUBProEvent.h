@@ -32,9 +32,16 @@
 // the base restoring constructor first. A restored event has no appkey (its "ky"
 // then comes from the configuration) and no timeStr (its next "idx" is one digit).
 //
-// Threads: build an event on any thread, then hand it over; after reportEvent the
-// library owns it and changes its bookkeeping fields (md5, ts, retryNum,
-// lastReportTs, isWrongWifi) on its queue under the event store's lock.
+// Threads: build an event on any thread, then hand it over with
+// ZUBPro::reportEvent; from then on the library owns it: it sets the bookkeeping
+// fields (md5, eventIndex, retryNum, lastReportTs, isWrongWifi) and serialises the
+// event on its report queue, so the plug-in must not touch the event afterwards.
+// encode() runs on that queue; encodeWithCoder() runs where the store is saved
+// (the thread that calls ZUBPro::onWillApplicationEnterBackground or
+// onWillApplicationWillTerminate).
+//
+// Cost: making an event reads the clock once; toJsonString builds a small JSON
+// object and runs on the library's queue, never on the host's thread.
 #pragma once
 
 #include <ZUBCocoa/ZUBArchiving.h>

@@ -55,10 +55,11 @@ void ZUBPageEvent::encodeWithCoder(zub::Coder& coder) const {
 }
 
 void ZUBPageEvent::encode(zub::Value& envelope) {
-    envelope["pi"] = page_ ? zub::Value(*page_) : zub::Value();
+    if (page_) envelope["pi"] = *page_;
     envelope["du"] = duration_;
     // The same page twice in a row refers to "-"; the event itself keeps that.
-    if (page_ == referPage_) referPage_ = "-";
+    // Only two present names can be equal: an absent page or referrer changes nothing.
+    if (page_ && referPage_ && *page_ == *referPage_) referPage_.emplace(1, '-');
     if (referPage_) envelope["rf"] = *referPage_;
 }
 

@@ -19,6 +19,13 @@ ActiveState& state() {
     return *s;
 }
 
+// Seconds truncated toward zero; a clock so far off that the value leaves the
+// 64-bit range (or is not a number) gives 0 rather than an undefined conversion.
+std::int64_t wholeSeconds(double seconds) {
+    if (!(seconds > -9.2e18 && seconds < 9.2e18)) return 0;
+    return static_cast<std::int64_t>(seconds);
+}
+
 }  // namespace
 
 ZUBProActiveEvent::ZUBProActiveEvent() {
@@ -64,11 +71,12 @@ void ZUBProActiveEvent::trackActiveEnd() {
         s.lastActiveTs = 0;
         return;
     }
-    auto duration = static_cast<std::uint32_t>(static_cast<std::uint64_t>(static_cast<std::int64_t>(now - s.lastActiveTs)));
+    // Whole seconds toward zero, cut to 32 bits; under one second counts as one.
+    auto duration = static_cast<std::uint32_t>(static_cast<std::uint64_t>(wholeSeconds(now - s.lastActiveTs)));
     if (duration == 0) duration = 1;
     auto event = std::make_shared<ZUBProActiveEvent>();
     event->setSid(ZUBSessionEvent::getSessionID(false));
-    event->setTs(static_cast<std::uint64_t>(s.lastActiveTs));
+    event->setTs(static_cast<std::uint64_t>(wholeSeconds(s.lastActiveTs)));
     event->setDuration(duration);
     ZUBEventLogic::getInstance().reportEvent(std::move(event));
     s.lastActiveTs = 0;

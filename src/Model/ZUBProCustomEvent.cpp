@@ -27,6 +27,19 @@ std::string keyText(const zub::Value& v) {
     return v.dump();
 }
 
+// Pairs are a JSON object, or null for none. Anything else (an array, a string,
+// ...) is no dictionary: it is logged and the event goes on without pairs.
+bool arePairs(const std::optional<std::string>& eventID, const zub::Value& dict) {
+    if (dict.is_null() || dict.is_object()) return true;
+    ZUBProHelper::LogDebug("[WARN]pairs of event %@ are not a dictionary (%@); they are left out", eventID,
+                           std::string_view(dict.type_name()));
+    return false;
+}
+
+zub::Value pairsOf(const std::optional<std::string>& eventID, zub::Value dict) {
+    return arePairs(eventID, dict) ? std::move(dict) : zub::Value();
+}
+
 }  // namespace
 
 ZUBProCustomEvent::ZUBProCustomEvent(const zub::Coder& coder)
@@ -71,18 +84,18 @@ std::shared_ptr<ZUBProCustomEvent> ZUBProCustomEvent::makeImmediate(const std::o
     return event;
 }
 
-void ZUBProCustomEvent::reportCustomEvent(const std::optional<std::string>& eventID, const zub::Value& dict) {
+void ZUBProCustomEvent::reportCustomEvent(const std::optional<std::string>& eventID, zub::Value dict) {
     auto event = makeImmediate(eventID);
-    event->setKvs(dict);
+    event->setKvs(pairsOf(eventID, std::move(dict)));
     event->setSid(ZUBSessionEvent::getSessionID(false));
     ZUBEventLogic::getInstance().reportEvent(std::move(event));
 }
 
-void ZUBProCustomEvent::reportCustomEventDuration(const std::optional<std::string>& eventID, const zub::Value& dict,
+void ZUBProCustomEvent::reportCustomEventDuration(const std::optional<std::string>& eventID, zub::Value dict,
                                                   std::int64_t duration) {
     auto event = makeImmediate(eventID);
     event->setDuration(duration);
-    event->setKvs(dict);
+    event->setKvs(pairsOf(eventID, std::move(dict)));
     event->setSid(ZUBSessionEvent::getSessionID(false));
     ZUBEventLogic::getInstance().reportEvent(std::move(event));
 }
@@ -92,9 +105,11 @@ void ZUBProCustomEvent::reportCustomEventBegin(const std::optional<std::string>&
         ZUBProHelper::LogDebug("eventID is empty");
         return;
     }
+    static const zub::Value kNoPairs;
+    const zub::Value& pairs = arePairs(eventID, dict) ? dict : kNoPairs;
     ZUBTimedTable& table = ZUBEventDal::getInstance().getTimeEventDic();
     std::lock_guard lock(table.mutex);
-    const std::string key = getCustomEventKey(eventID, dict);
+    const std::string key = getCustomEventKey(eventID, pairs);
     if (table.entries.contains(key)) {
         ZUBProHelper::LogDebug("[ERROR]Duplicate key %@ for event_id:%@", key, *eventID);
         return;
@@ -107,11 +122,12 @@ void ZUBProCustomEvent::reportCustomEventBegin(const std::optional<std::string>&
     ZUBProHelper::LogDebug("generated begin key is %@", key);
 }
 
-void ZUBProCustomEvent::reportCustomEventEnd(const std::optional<std::string>& eventID, const zub::Value& dict) {
+void ZUBProCustomEvent::reportCustomEventEnd(const std::optional<std::string>& eventID, zub::Value dict) {
     if (!eventID || eventID->empty()) {
         ZUBProHelper::LogDebug("Failed to trace nil/empty event_id.");
         return;
     }
+    dict = pairsOf(eventID, std::move(dict));
     // An absent dictionary ends nothing; a timer begun without pairs ends with an empty one.
     if (dict.is_null()) return;
     auto event = std::make_shared<ZUBProCustomEvent>();
@@ -125,7 +141,7 @@ void ZUBProCustomEvent::reportCustomEventEnd(const std::optional<std::string>& e
             return;
         }
         event->setEventID(eventID);
-        event->setKvs(dict);
+        event->setKvs(std::move(dict));
         event->setSid(ZUBSessionEvent::getSessionID(false));
         const std::int64_t elapsed =
             static_cast<std::int64_t>(zub::Clock::nowSeconds()) - start->get<std::int64_t>();

@@ -24,12 +24,13 @@ public:
     void encodeWithCoder(zub::Coder& coder) const override;
     void encode(zub::Value& envelope) override;
 
-    /// `dict` null means absent; an object holds the pairs.
-    static void reportCustomEvent(const std::optional<std::string>& eventID, const zub::Value& dict);
-    static void reportCustomEventDuration(const std::optional<std::string>& eventID, const zub::Value& dict,
+    /// `dict` null means absent; an object holds the pairs. Any other JSON value
+    /// is no dictionary: it is logged and treated as absent.
+    static void reportCustomEvent(const std::optional<std::string>& eventID, zub::Value dict);
+    static void reportCustomEventDuration(const std::optional<std::string>& eventID, zub::Value dict,
                                           std::int64_t duration);
     static void reportCustomEventBegin(const std::optional<std::string>& eventID, const zub::Value& dict);
-    static void reportCustomEventEnd(const std::optional<std::string>& eventID, const zub::Value& dict);
+    static void reportCustomEventEnd(const std::optional<std::string>& eventID, zub::Value dict);
     /// The timer key: identifier + "[" + key and value texts of each pair + "]".
     static std::string getCustomEventKey(const std::optional<std::string>& eventID, const zub::Value& dict);
 

@@ -63,8 +63,11 @@ zub::Value buildServicesInfo() {
 }  // namespace
 
 const zub::Value& ZUBPro::getMainServicesInfo() {
+    // Built once under the static's guard; never changed afterwards, so readers on
+    // any thread share it without a lock.
     static const zub::Value* info = [] {
-        return new zub::Value(zubGuarded("getMainServicesInfo", [] { return buildServicesInfo(); }));
+        zub::Value built = zubGuarded("getMainServicesInfo", [] { return buildServicesInfo(); });
+        return new zub::Value(built.is_object() ? std::move(built) : zub::Value::object());
     }();
     return *info;
 }

@@ -1,4 +1,5 @@
-// The facade's tracking operations: each forwards to the event class that owns it.
+// The facade's tracking operations: each forwards to the event class that owns it,
+// with nothing of the library's escaping to the host.
 #include <ZUBCocoa/ZUBPro.h>
 
 #include "Common/ZUBProHelper.h"
@@ -24,19 +25,19 @@ void ZUBPro::trackActiveBegin() {
 void ZUBPro::trackActiveEnd() {
     zubGuarded("trackActiveEnd", [] { ZUBProActiveEvent::trackActiveEnd(); });
 }
-void ZUBPro::trackCustomEvent(const std::optional<std::string>& eventID, const zub::Value& dict) {
-    zubGuarded("trackCustomEvent", [&] { ZUBProCustomEvent::reportCustomEvent(eventID, dict); });
+void ZUBPro::trackCustomEvent(const std::optional<std::string>& eventID, zub::Value dict) {
+    zubGuarded("trackCustomEvent", [&] { ZUBProCustomEvent::reportCustomEvent(eventID, std::move(dict)); });
 }
 void ZUBPro::trackCustomEventBegin(const std::optional<std::string>& eventID, const zub::Value& dict) {
     zubGuarded("trackCustomEventBegin", [&] { ZUBProCustomEvent::reportCustomEventBegin(eventID, dict); });
 }
-void ZUBPro::trackCustomEventEnd(const std::optional<std::string>& eventID, const zub::Value& dict) {
-    zubGuarded("trackCustomEventEnd", [&] { ZUBProCustomEvent::reportCustomEventEnd(eventID, dict); });
+void ZUBPro::trackCustomEventEnd(const std::optional<std::string>& eventID, zub::Value dict) {
+    zubGuarded("trackCustomEventEnd", [&] { ZUBProCustomEvent::reportCustomEventEnd(eventID, std::move(dict)); });
 }
-void ZUBPro::trackCustomEventDuration(const std::optional<std::string>& eventID, const zub::Value& dict,
+void ZUBPro::trackCustomEventDuration(const std::optional<std::string>& eventID, zub::Value dict,
                                       std::int64_t duration) {
     zubGuarded("trackCustomEventDuration",
-               [&] { ZUBProCustomEvent::reportCustomEventDuration(eventID, dict, duration); });
+               [&] { ZUBProCustomEvent::reportCustomEventDuration(eventID, std::move(dict), duration); });
 }
 void ZUBPro::reportLM(const std::optional<std::string>& account) {
     zubGuarded("reportLM", [&] { ZUBLMEvent::reportLM(account); });
