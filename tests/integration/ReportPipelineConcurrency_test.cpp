@@ -80,7 +80,7 @@ TEST(ReportPipelineConcurrency, HostThreadsTrackWhileCyclesRunAndTheLifecycleTur
 
     // Phase two: no lifecycle calls, so every event must arrive.
     const auto second = trackOnThreads(8, 50);
-    ASSERT_TRUE(zubtest::settlePipeline(256));
+    ASSERT_TRUE(zubtest::settlePipeline());
 
     std::set<std::string> reported;
     for (const auto* phase : {&first, &second}) {

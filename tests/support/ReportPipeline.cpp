@@ -10,13 +10,19 @@
 
 namespace zubtest {
 
-bool settlePipeline(int rounds) {
+bool settlePipeline() {
     using namespace std::chrono_literals;
-    for (int i = 0; i < rounds; ++i) {
-        if (!ZUBProMid::getInstance().taskQueue().flush(60s)) return false;
-        if (!ZUBEventLogic::getInstance().queue().flush(60s)) return false;
+    zub::SerialQueue& mid = ZUBProMid::getInstance().taskQueue();
+    zub::SerialQueue& report = ZUBEventLogic::getInstance().queue();
+    const auto deadline = std::chrono::steady_clock::now() + 5min;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (!mid.flush(60s) || !report.flush(60s)) return false;
+        // A flush ends when what was queued before it has run, but the last task
+        // may have queued the next link of a chain. Registrations start no
+        // cycles, so both queues idle at once means nothing more will come.
+        if (mid.idle() && report.idle()) return true;
     }
-    return true;
+    return false;
 }
 
 namespace {

@@ -17,11 +17,10 @@
 
 namespace zubtest {
 
-/// Waits until the mid queue and the report queue have run everything, including
-/// the cycles that replies start: a chain of cycles ends when nothing eligible is
-/// left, and every round of flushes passes at least one link of it, so a bounded
-/// number of rounds is enough. False when a flush timed out.
-bool settlePipeline(int rounds = 64);
+/// Waits until the mid queue and the report queue are both idle, including the
+/// cycles that replies start (a chain of cycles ends when nothing eligible is
+/// left). False when that takes more than five minutes.
+bool settlePipeline();
 
 /// md5 keys of the event store's waiting / retry dictionaries, in their order.
 std::vector<std::string> waitingKeys();

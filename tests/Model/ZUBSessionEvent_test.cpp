@@ -1,0 +1,115 @@
+// Session rules and the session event: time-outs, local midnight, the event's own
+// fields, and one session for one gap however many threads ask.
+#include "Model/ZUBSessionEvent.h"
+
+#include "Common/ZUBProConfig.h"
+#include "Common/ZUBProHelper.h"
+#include "Dal/ZUBEventDal.h"
+#include "support/ManualClock.h"
+#include "support/ReportPipeline.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <thread>
+
+using zubtest::ManualClock;
+
+namespace {
+
+// 2024-07-01 12:00:00 UTC: far from midnight.
+constexpr double kNoon = 1719835200.0;
+
+void inUTC() {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    ZUBProConfig::getInstance().setIsSmartReport(false);  // no report cycles: events only wait
+}
+
+// The session events filed so far, in order.
+std::vector<std::shared_ptr<ZUBProEvent>> sessionEvents() {
+    EXPECT_TRUE(zubtest::settlePipeline());
+    ZUBEventDal& store = ZUBEventDal::getInstance();
+    std::lock_guard lock(store.eventListLock());
+    std::vector<std::shared_ptr<ZUBProEvent>> out;
+    for (const auto& [key, e] : store.toReportEvents()) {
+        if (e->type() == 2) out.push_back(e);
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST(ZUBSessionEvent, AnActiveCallAfterTheTimeOutOpensANewSession) {
+    inUTC();
+    ManualClock clock;
+    clock.setSeconds(kNoon);
+    ZUBProConfig::getInstance().setAppkey(std::string("app-session"));
+
+    const std::uint64_t first = ZUBSessionEvent::getSessionID(true);  // none yet: opens one
+    EXPECT_NE(first, 0u);
+    ASSERT_EQ(sessionEvents().size(), 1u);
+
+    clock.advanceSeconds(29);
+    EXPECT_EQ(ZUBSessionEvent::getSessionID(true), first);
+    clock.advanceSeconds(29);  // 29 s after the last call, 58 after the first: still the same
+    EXPECT_EQ(ZUBSessionEvent::getSessionID(true), first);
+    clock.advanceSeconds(300);
+    EXPECT_EQ(ZUBSessionEvent::getSessionID(false), first);  // asking never opens one by time-out
+    ASSERT_EQ(sessionEvents().size(), 1u);
+
+    clock.advanceSeconds(30);
+    const std::uint64_t second = ZUBSessionEvent::getSessionID(true);
+    EXPECT_NE(second, first);
+    const auto events = sessionEvents();
+    ASSERT_EQ(events.size(), 2u);
+
+    // The session event: important, of type 2, with the key's sid and time, and the
+    // md5 of sid, ts, type and the session identifier of that second.
+    const auto& e = events[1];
+    EXPECT_EQ(e->sid(), second);
+    EXPECT_EQ(e->ts(), static_cast<std::uint64_t>(kNoon) + 388);
+    EXPECT_TRUE(e->isImportant());
+    EXPECT_EQ(e->appkey(), "app-session");
+    const std::string text =
+        std::to_string(second) + std::to_string(e->ts()) + "2" + std::to_string(ZUBSessionEvent::generateSessionID());
+    EXPECT_EQ(e->md5(), ZUBProHelper::md5encrypt(text));
+}
+
+TEST(ZUBSessionEvent, LocalMidnightEndsASessionWhicheverTheFlag) {
+    inUTC();
+    ManualClock clock;
+    clock.setSeconds(kNoon + 12 * 3600 - 10);  // 23:59:50
+    const std::uint64_t evening = ZUBSessionEvent::getSessionID(false);  // none yet: opens one
+    clock.advanceSeconds(9);                                          // 23:59:59
+    EXPECT_EQ(ZUBSessionEvent::getSessionID(false), evening);
+    clock.advanceSeconds(1);  // 00:00:00
+    const std::uint64_t night = ZUBSessionEvent::getSessionID(false);
+    EXPECT_NE(night, evening);
+    EXPECT_EQ(sessionEvents().size(), 2u);
+}
+
+TEST(ZUBSessionEventConcurrency, ThreadsMeetingOneGapOpenOneSession) {
+    inUTC();
+    ManualClock clock;
+    clock.setSeconds(kNoon);
+    const std::uint64_t before = ZUBSessionEvent::getSessionID(true);
+    clock.advanceSeconds(45);
+
+    std::vector<std::uint64_t> seen(8);
+    std::vector<std::thread> threads;
+    for (std::size_t t = 0; t < seen.size(); ++t) {
+        threads.emplace_back([&seen, t] {
+            std::uint64_t id = 0;
+            for (int i = 0; i < 50; ++i) id = ZUBSessionEvent::getSessionID(i % 2 == 0);
+            seen[t] = id;
+        });
+    }
+    for (auto& t : threads) t.join();
+    for (auto id : seen) {
+        EXPECT_EQ(id, seen[0]);
+        EXPECT_NE(id, before);
+    }
+    EXPECT_EQ(sessionEvents().size(), 2u);  // the first session and the one after the gap
+}

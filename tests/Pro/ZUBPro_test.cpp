@@ -1,0 +1,130 @@
+// The facade's start, queries and lifecycle handlers, against a wire-speaking
+// loopback server for both endpoints.
+#include <ZUBCocoa/ZUBPlatform.h>
+#include <ZUBCocoa/ZUBPro.h>
+
+#include "Common/ZUBProConfig.h"
+#include "Common/ZUBProStore.h"
+#include "Dal/ZUBDeviceIDDal.h"
+#include "Dal/ZUBEventDal.h"
+#include "support/ManualClock.h"
+#include "support/ReportPipeline.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace {
+
+struct Servers {
+    Servers() {
+        server.start();
+        ZUBProConfig::getInstance().setReportURL(server.url("/mstat/report"));
+        ZUBProConfig::getInstance().setMidURL(server.url("/?t=ios&ver=2.0"));
+        ZUBPro::setSmartReport(false);
+    }
+    std::size_t count(const std::string& prefix) const {
+        std::size_t n = 0;
+        for (const auto& r : server.requests()) n += r.path.rfind(prefix, 0) == 0;
+        return n;
+    }
+    zubtest::WireServer server;
+};
+
+std::string logPath() {
+    return ZUBProStore::getInstance().getLogfilePath(".toReportEvents.log");
+}
+
+}  // namespace
+
+TEST(ZUBPro, EveryStartRepeatsEveryStepIncludingTheNotification) {
+    zubtest::ManualClock clock;
+    Servers s;
+    int starts = 0;
+    const auto id = zub::addNotificationObserver(ZUBProMainServiceStartNotification, [&](const std::string& name) {
+        EXPECT_EQ(name, "ZUB_MAIN_SERVICE_START_NOTIFICATION");
+        ++starts;
+    });
+    ZUBPro::startWithAppKey("key-1");
+    EXPECT_EQ(starts, 1);
+    ASSERT_TRUE(zubtest::settlePipeline());
+    EXPECT_EQ(ZUBProConfig::getInstance().appkey(), "key-1");
+    ZUBPro::startWithAppKey(std::nullopt);  // no check of the key: stored as it is
+    EXPECT_EQ(starts, 2);
+    EXPECT_EQ(ZUBProConfig::getInstance().appkey(), std::nullopt);
+    ASSERT_TRUE(zubtest::settlePipeline());
+    EXPECT_EQ(s.count("/?"), 2u);  // one registration per start
+    EXPECT_EQ(ZUBPro::getDeviceIDs()["mid"], "wire-mid");
+    EXPECT_EQ(ZUBPro::getOnlineProperty("nothing"), "");
+    zub::removeNotificationObserver(id);
+}
+
+TEST(ZUBPro, AnotherStrategyNeitherLoadsNorSendsStoredEventsAtTheStart) {
+    zubtest::ManualClock clock;
+    Servers s;
+    // An earlier run left one event in the log file, and the device is registered.
+    ZUBDeviceIDDal::getInstance().saveMID("mid-x");
+    ZUBPro::startWithAppKey("key");
+    ASSERT_TRUE(zubtest::settlePipeline());
+    ZUBPro::onWillApplicationEnterBackground();
+    ASSERT_TRUE(std::filesystem::exists(logPath()));
+    {
+        ZUBEventDal& store = ZUBEventDal::getInstance();
+        std::lock_guard lock(store.eventListLock());
+        store.toReportEvents().clear();
+    }
+    const std::size_t midRequests = s.count("/?");
+
+    ZUBPro::setReportStrategy(5);
+    const std::uint64_t before = ZUBPro::getSessionID(false);
+    clock.advanceSeconds(3600);  // long enough for a new session
+    ZUBPro::startWithAppKey("key");
+    ASSERT_TRUE(zubtest::settlePipeline());
+    EXPECT_TRUE(std::filesystem::exists(logPath()));  // not loaded
+    EXPECT_EQ(s.count("/mstat/report"), 0u);
+    EXPECT_EQ(s.count("/?"), midRequests + 1);      // still registers
+    EXPECT_NE(ZUBPro::getSessionID(false), before);  // and opens a session
+    EXPECT_EQ(zubtest::waitingKeys().size(), 1u);    // its session event only
+}
+
+TEST(ZUBPro, LifecycleHandlersDoWhatEachPromisesAndNoMore) {
+    zubtest::ManualClock clock;
+    Servers s;
+    // The identifier server refuses: the device stays without a mid.
+    s.server.setHandler([](const zubtest::WireRequest& r) -> std::string {
+        return r.path.rfind("/mstat/report", 0) == 0 ? R"({"ret":0})" : R"({"ret":1})";
+    });
+    ZUBPro::startWithAppKey("key");
+    ASSERT_TRUE(zubtest::settlePipeline());
+    ASSERT_EQ(ZUBDeviceIDDal::getInstance().getMID(), "");
+    EXPECT_EQ(s.count("/?"), 1u);
+    const auto waiting = zubtest::waitingKeys();
+    ASSERT_EQ(waiting.size(), 1u);
+
+    // Activation with no mid does not register again: "" is not an absent mid.
+    ZUBPro::onApplicationDidBecomeActive();
+    ASSERT_TRUE(zubtest::settlePipeline());
+    EXPECT_EQ(s.count("/?"), 1u);
+
+    // Background and termination only save; nothing is sent or cleared.
+    for (auto handler : {&ZUBPro::onWillApplicationEnterBackground, &ZUBPro::onWillApplicationWillTerminate}) {
+        std::filesystem::remove(logPath());
+        handler();
+        ASSERT_TRUE(zubtest::settlePipeline());
+        EXPECT_TRUE(std::filesystem::exists(logPath()));
+        EXPECT_EQ(zubtest::waitingKeys(), waiting);
+    }
+    EXPECT_EQ(s.count("/mstat/report"), 0u);
+
+    // Resigning refreshes the activity time, so a later activation within the
+    // time-out keeps the session.
+    const std::uint64_t session = ZUBPro::getSessionID(false);
+    clock.advanceSeconds(25);
+    ZUBPro::onWillApplicationResignActive();
+    clock.advanceSeconds(25);
+    ZUBPro::onDidApplicationBecomeActive();
+    EXPECT_EQ(ZUBPro::getSessionID(false), session);
+    clock.advanceSeconds(30);
+    ZUBPro::onDidApplicationBecomeActive();
+    EXPECT_NE(ZUBPro::getSessionID(false), session);
+}
