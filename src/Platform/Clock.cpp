@@ -14,14 +14,19 @@ public:
     }
 };
 
-const SystemClock kSystemClock;
+// Never destroyed: the library's queue threads may still ask for the time while
+// the process exits.
+const Clock& systemClock() {
+    static const SystemClock* clock = new SystemClock();
+    return *clock;
+}
 std::atomic<const Clock*> gInstalled{nullptr};
 
 }  // namespace
 
 std::int64_t Clock::nowMicros() {
     const Clock* c = gInstalled.load(std::memory_order_acquire);
-    return (c ? c : &kSystemClock)->microsSinceEpoch();
+    return (c ? *c : systemClock()).microsSinceEpoch();
 }
 
 std::uint64_t Clock::nowSeconds() {

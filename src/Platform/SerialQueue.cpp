@@ -60,6 +60,11 @@ bool SerialQueue::flush(std::chrono::milliseconds timeout) {
     return progress_.wait_for(lock, timeout, [&] { return completed_ >= target; });
 }
 
+bool SerialQueue::idle() const {
+    std::lock_guard lock(mutex_);
+    return completed_ == submitted_;
+}
+
 bool SerialQueue::isCurrent() const {
     std::lock_guard lock(mutex_);
     return worker_.joinable() && workerId_ == std::this_thread::get_id();

@@ -48,6 +48,11 @@ public:
     /// True when called from this queue's worker thread.
     bool isCurrent() const;
 
+    /// True when no task is waiting or running at this instant. Unlike flush(),
+    /// this also counts tasks that a finishing task has just submitted (tests use
+    /// it to wait until a chain of tasks has run out).
+    bool idle() const;
+
 private:
     void run();
 

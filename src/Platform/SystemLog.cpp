@@ -35,12 +35,12 @@ void SystemLog::write(std::string_view message) {
     char stamp[40];
     std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
 
-    static const std::string name = processName();
+    static const std::string* name = new std::string(processName());  // never destroyed, as the state
     std::string line(message);
 
     LogState& s = state();
     std::lock_guard lock(s.mutex);
-    std::fprintf(stderr, "%s.%03d %s[%d] %s\n", stamp, static_cast<int>((micros / 1000) % 1000), name.c_str(),
+    std::fprintf(stderr, "%s.%03d %s[%d] %s\n", stamp, static_cast<int>((micros / 1000) % 1000), name->c_str(),
                  static_cast<int>(getpid()), line.c_str());
     if (s.sink) {
         try {
