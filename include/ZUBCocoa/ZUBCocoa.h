@@ -3,6 +3,7 @@
 
 #include <ZUBCocoa/ZUBArchiving.h>
 #include <ZUBCocoa/ZUBConstants.h>
+#include <ZUBCocoa/ZUBEndpoints.h>
 #include <ZUBCocoa/ZUBExport.h>
 #include <ZUBCocoa/ZUBPlatform.h>
 #include <ZUBCocoa/ZUBPro.h>

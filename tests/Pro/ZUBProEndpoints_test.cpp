@@ -1,0 +1,84 @@
+// The host's endpoint setters: what they accept, what they refuse, and that a
+// registration really goes to the collector they name.
+#include <ZUBCocoa/ZUBEndpoints.h>
+
+#include "Common/DeviceID/ZUBProMid.h"
+#include "Common/ZUBProConfig.h"
+#include "Dal/ZUBDeviceIDDal.h"
+#include "support/CollectorProcess.h"
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+namespace {
+
+void expectEndpoints(const std::string& report, const std::string& mid) {
+    const zub::Endpoints now = zub::endpoints();
+    EXPECT_EQ(now.reportURL, report);
+    EXPECT_EQ(now.midURL, mid);
+    EXPECT_EQ(ZUBProConfig::getInstance().reportURL(), report);
+    EXPECT_EQ(ZUBProConfig::getInstance().midURL(), mid);
+}
+
+}  // namespace
+
+TEST(ZUBProEndpoints, SetsBothURLsAndRefusesWhatIsNoHttpURL) {
+    zubtest::LogCapture log;
+    const zub::Endpoints builtIn = zub::endpoints();
+    EXPECT_EQ(builtIn.reportURL.rfind("http://", 0), 0u) << builtIn.reportURL;
+    EXPECT_NE(builtIn.reportURL.find("/mstat/report"), std::string::npos);
+
+    zub::setEndpoints("https://stats.example.com/mstat/report", "HTTP://ids.example.com:8080/?t=ios&ver=2.0");
+    expectEndpoints("https://stats.example.com/mstat/report", "HTTP://ids.example.com:8080/?t=ios&ver=2.0");
+    EXPECT_TRUE(log.contains("report endpoint https://stats.example.com/mstat/report"));
+
+    // One bad URL leaves both as they were.
+    for (const auto& [report, mid] : std::vector<std::pair<std::string, std::string>>{
+             {"ftp://stats.example.com/r", "http://ids.example.com/"},
+             {"http://stats.example.com/r", "ids.example.com/"},
+             {"http://", "http://ids.example.com/"},
+             {"http:///mstat/report", "http://ids.example.com/"},
+             {"http://:80/mstat/report", "http://ids.example.com/"},
+             {"http://stats.example.com:/r", "http://ids.example.com/"},
+             {"http://stats.example.com/r r", "http://ids.example.com/"},
+             {"", ""}}) {
+        log.clear();
+        zub::setEndpoints(report, mid);
+        expectEndpoints("https://stats.example.com/mstat/report", "HTTP://ids.example.com:8080/?t=ios&ver=2.0");
+        EXPECT_TRUE(log.contains("[ERROR]endpoints not changed")) << report << " " << mid;
+    }
+}
+
+TEST(ZUBProEndpoints, CollectorAddressNamesBothProtocolPaths) {
+    zubtest::LogCapture log;
+    zub::setCollectorAddress("http://127.0.0.1:41234");
+    expectEndpoints("http://127.0.0.1:41234/mstat/report", "http://127.0.0.1:41234/?t=ios&ver=2.0");
+    zub::setCollectorAddress("https://collector.example.com/");
+    expectEndpoints("https://collector.example.com/mstat/report", "https://collector.example.com/?t=ios&ver=2.0");
+
+    for (const std::string bad : {"http://collector.example.com/api", "http://collector.example.com?x=1",
+                                  "collector.example.com:47800", "http://", "http://host//"}) {
+        log.clear();
+        zub::setCollectorAddress(bad);
+        expectEndpoints("https://collector.example.com/mstat/report", "https://collector.example.com/?t=ios&ver=2.0");
+        EXPECT_TRUE(log.contains("is not a collector address")) << bad;
+    }
+}
+
+TEST(ZUBProEndpoints, RegistrationReachesTheCollectorNamed) {
+    if (!zubtest::CollectorProcess::available()) GTEST_SKIP() << "no collector in this build";
+    zubtest::CollectorProcess collector;
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    ASSERT_EQ(ZUBDeviceIDDal::getInstance().getMID(), "");
+
+    zub::setCollectorAddress("http://127.0.0.1:" + std::to_string(collector.port()));
+    ZUBProMid::getInstance().reportMid();
+    ASSERT_TRUE(ZUBProMid::getInstance().taskQueue().flush(std::chrono::seconds(30)));
+
+    const std::string mid = ZUBDeviceIDDal::getInstance().getMID();
+    EXPECT_EQ(mid.size(), 32u) << mid;
+    EXPECT_NE(collector.log().find(mid), std::string::npos) << collector.log();
+    EXPECT_EQ(collector.stop(), 0);
+}

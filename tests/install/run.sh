@@ -1,0 +1,88 @@
+#!/usr/bin/env bash
+# Installs a built tree into a scratch prefix and builds a small outside project
+# against it twice: with CMake's find_package(ZUBCocoa) (shared and static
+# targets) and with pkg-config (shared, and static with the private
+# requirements). Each program registers with the installed zub-collector.
+#
+#   run.sh BUILD_DIR WORK_DIR CXX_COMPILER GENERATOR [SANITIZE]
+set -euo pipefail
+build_dir=$1
+work=$2
+cxx=$3
+generator=$4
+sanitize=${5:-}
+here=$(cd "$(dirname "$0")" && pwd)
+
+rm -rf "$work"
+mkdir -p "$work/home"
+prefix="$work/prefix"
+flags=()
+[ -n "$sanitize" ] && flags=(-fsanitize="$sanitize" -fno-omit-frame-pointer)
+
+step() { echo "-- $*"; }
+
+step "cmake --install into $prefix"
+cmake --install "$build_dir" --prefix "$prefix" >"$work/install.log"
+for f in include/ZUBCocoa/ZUBCocoa.h lib/cmake/ZUBCocoa/ZUBCocoaConfig.cmake \
+  lib/cmake/ZUBCocoa/ZUBCocoaConfigVersion.cmake lib/pkgconfig/ZUBCocoa.pc bin/zub-collector; do
+  [ -e "$prefix/$f" ] || { echo "not installed: $f" >&2; exit 1; }
+done
+libdir=$(dirname "$(find "$prefix" -name 'libZUBCocoa.so' -print -quit)")
+[ -f "$libdir/libZUBCocoa.a" ] || { echo "no static library next to $libdir/libZUBCocoa.so" >&2; exit 1; }
+
+# The programs run with a home of their own and talk to the installed collector.
+export HOME="$work/home"
+unset XDG_CONFIG_HOME XDG_DATA_HOME XDG_DOCUMENTS_DIR
+"$prefix/bin/zub-collector" --port 0 --db "$work/collector.db" --quiet >"$work/collector.out" 2>"$work/collector.log" &
+collector=$!
+trap 'kill -TERM $collector 2>/dev/null || true; wait $collector 2>/dev/null || true' EXIT
+port=""
+for _ in $(seq 1 300); do
+  port=$(sed -n 's/^{"event":"listening".*"port":\([0-9]*\).*/\1/p' "$work/collector.out")
+  [ -n "$port" ] && break
+  kill -0 $collector 2>/dev/null || break
+  sleep 0.1
+done
+[ -n "$port" ] || { echo "the installed collector did not start:" >&2; cat "$work/collector.log" >&2; exit 1; }
+
+run() {  # run NAME PROGRAM: the program must print its mid and exit 0
+  local out
+  out=$("$2" "http://127.0.0.1:$port") || { echo "$1 failed: $out" >&2; exit 1; }
+  echo "$out" | grep -Eq '^mid [0-9a-f]{32}$' || { echo "$1 printed: $out" >&2; exit 1; }
+  echo "   $1: $out"
+}
+
+step "find_package(ZUBCocoa) from an outside CMake project"
+cmake -S "$here/consumer" -B "$work/cmake" -G "$generator" -DCMAKE_BUILD_TYPE= \
+  -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_CXX_FLAGS="${flags[*]}" -DCMAKE_EXE_LINKER_FLAGS="${flags[*]}" >"$work/cmake-configure.log"
+cmake --build "$work/cmake" -j 2 >"$work/cmake-build.log" || { cat "$work/cmake-build.log" >&2; exit 1; }
+run "find_package, shared" "$work/cmake/zub-consumer-shared"
+run "find_package, static" "$work/cmake/zub-consumer-static"
+
+step "pkg-config ZUBCocoa"
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+pkg-config --exists --print-errors ZUBCocoa
+[ "$(pkg-config --modversion ZUBCocoa)" = "$(sed -n 's/^Version: //p' "$libdir/pkgconfig/ZUBCocoa.pc")" ]
+# The file names the prefix it was installed to, wherever that is.
+[ "$(pkg-config --variable=libdir ZUBCocoa)" -ef "$libdir" ] || {
+  echo "pkg-config libdir $(pkg-config --variable=libdir ZUBCocoa) is not $libdir" >&2
+  exit 1
+}
+read -r -a cflags <<<"$(pkg-config --cflags ZUBCocoa)"
+read -r -a libs <<<"$(pkg-config --libs ZUBCocoa)"
+# The static library with its private requirements linked as shared libraries
+# (`--static` would also ask for the requirements' own static dependencies).
+read -r -a private_modules <<<"$(pkg-config --print-requires-private ZUBCocoa | cut -d' ' -f1 | tr '\n' ' ')"
+read -r -a static_libs <<<"$(pkg-config --libs-only-L ZUBCocoa) $(pkg-config --libs "${private_modules[@]}") -pthread"
+"$cxx" -std=c++20 -Wall -Wextra -Werror "${flags[@]}" "${cflags[@]}" -c "$here/consumer/main.cpp" -o "$work/main.o"
+"$cxx" "${flags[@]}" "$work/main.o" -o "$work/pc-shared" "${libs[@]}" -Wl,-rpath,"$libdir"
+"$cxx" "${flags[@]}" "$work/main.o" -o "$work/pc-static" -Wl,-Bstatic -lZUBCocoa -Wl,-Bdynamic "${static_libs[@]}"
+if ldd "$work/pc-static" | grep -q libZUBCocoa; then
+  echo "the static pkg-config build still loads the shared library" >&2
+  exit 1
+fi
+run "pkg-config, shared" "$work/pc-shared"
+run "pkg-config, static" "$work/pc-static"
+
+echo "install test passed"
