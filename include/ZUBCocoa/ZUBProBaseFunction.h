@@ -1,5 +1,7 @@
-// ZUBProBaseFunction: basic functions the library lends to plug-ins. All static,
-// thread-safe, never throwing.
+// ZUBProBaseFunction: basic functions the library lends to plug-ins, so that a
+// plug-in logs, stores and encodes the way the main service does. All static,
+// callable from any thread, never throwing; each runs on the calling thread.
+// Cheap (microseconds) unless noted.
 #pragma once
 
 #include <ZUBCocoa/ZUBExport.h>
@@ -17,6 +19,7 @@ public:
 
     /// Stores a dictionary under "<company domain>.<key>" in the application's
     /// preferences (the keychain name form; nothing goes to a real keychain).
+    /// Writes the preferences file before it returns (a file write and fsync).
     static void saveToKeyChain(const std::string& key, const zub::Value& dict);
     static std::optional<zub::Value> loadFromKeyChain(const std::string& key);
 
@@ -31,9 +34,13 @@ public:
 
     /// 2 on Wi-Fi, 1 on a cellular network, 0 without a network (the two reachable
     /// codes are the reverse of the reachability status, on purpose).
+    /// Reads the kernel's routing and link state: tens of microseconds, so ask
+    /// when needed rather than per event.
     static std::int64_t currentNetwork();
     static bool isJailBroken();
     /// Seconds since 1970 with fraction.
     static double getTimeStamp();
+    /// A property of the application configuration the report server pushed
+    /// (as ZUBPro::getOnlineProperty); "" when there is none.
     static zub::Value getOnlineProperty(const std::string& key);
 };

@@ -4,9 +4,9 @@
 #include "Common/DeviceID/ZUBProMid.h"
 #include "Common/ZUBProConfig.h"
 #include "Dal/ZUBEventDal.h"
-#include "Pro/ZUBEventLogic.h"
 #include "support/CollectorProcess.h"
 #include "support/FiledEvents.h"
+#include "support/StoredEvents.h"
 
 #include <ZUBCocoa/ZUBConstants.h>
 #include <ZUBCocoa/ZUBPro.h>
@@ -14,7 +14,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <thread>
 
 #ifdef ZUB_HAVE_EXAMPLE_PLUGIN
 #include "SearchPlugin.h"
@@ -47,20 +46,10 @@ TEST(PluginExampleEndToEnd, WaitsForTheStartThenReportsItsSearches) {
     plugin.recordSearch("late", 0);
 
     auto searches = [](const zub::Value& rows) {
-        std::vector<zub::Value> out;
-        for (const auto& row : rows) {
-            if (row["et"] == SearchEvent::kType) out.push_back(row["event"]);
-        }
-        return out;
+        return zubtest::storedWhere(rows, [](const zub::Value& e) { return e.value("et", 0) == SearchEvent::kType; });
     };
-    const auto deadline = std::chrono::steady_clock::now() + 30s;
-    zub::Value rows;
-    do {
-        ZUBEventLogic::getInstance().queue().flush(10s);
-        rows = collector.storedEvents();
-        if (searches(rows).size() >= 2) break;
-        std::this_thread::sleep_for(50ms);  // the collector is another process
-    } while (std::chrono::steady_clock::now() < deadline);
+    const zub::Value rows =
+        zubtest::waitForStored(collector, [&](const zub::Value& r) { return searches(r).size() >= 2; });
 
     const auto found = searches(rows);
     ASSERT_EQ(found.size(), 2u) << rows.dump(1);

@@ -3,18 +3,18 @@
 #include "Common/DeviceID/ZUBProMid.h"
 #include "Common/ZUBProConfig.h"
 #include "Dal/ZUBDeviceIDDal.h"
-#include "Pro/ZUBEventLogic.h"
 #include "support/CollectorProcess.h"
+#include "support/StoredEvents.h"
 
 #include <ZUBCocoa/ZUBPro.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <functional>
-#include <thread>
 
 using zubtest::CollectorProcess;
+using zubtest::storedWhere;
+using zubtest::waitForStored;
 using namespace std::chrono_literals;
 
 namespace {
@@ -33,27 +33,6 @@ void startAgainst(CollectorProcess& collector, const std::string& appKey) {
     ASSERT_FALSE(ZUBDeviceIDDal::getInstance().getMID().empty()) << collector.log();
 }
 
-// The stored event objects (the "event" of each row) for which `match` holds.
-std::vector<zub::Value> storedWhere(const zub::Value& rows, const std::function<bool(const zub::Value&)>& match) {
-    std::vector<zub::Value> out;
-    for (const auto& row : rows) {
-        if (row.contains("event") && row["event"].is_object() && match(row["event"])) out.push_back(row["event"]);
-    }
-    return out;
-}
-
-// Polls the collector until `done` holds for its rows, for at most 30 s.
-zub::Value waitForStored(CollectorProcess& collector, const std::function<bool(const zub::Value&)>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + 30s;
-    zub::Value rows = zub::Value::array();
-    for (;;) {
-        ZUBEventLogic::getInstance().queue().flush(10s);
-        rows = collector.storedEvents();
-        if (done(rows) || std::chrono::steady_clock::now() > deadline) return rows;
-        std::this_thread::sleep_for(50ms);  // the collector is another process: give it a moment
-    }
-}
-
 bool has(const zub::Value& e, const char* key, const zub::Value& value) {
     return e.contains(key) && e[key] == value;
 }
@@ -64,7 +43,7 @@ TEST(TrackingEndToEnd, PagesCustomEventsActiveTimeAndAccountsArriveAsRecorded) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
-    startAgainst(collector, "e2e-app");
+    ASSERT_NO_FATAL_FAILURE(startAgainst(collector, "e2e-app"));
 
     ZUBPro::trackPageViewBegin("home");
     ZUBPro::trackPageViewEnd("home");
