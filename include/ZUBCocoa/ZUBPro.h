@@ -55,9 +55,10 @@ public:
     // event to the library's report queue, where it is keyed, stored and sent by
     // the report strategy. Nothing blocks on the network or the disk, nothing
     // throws; bad input is logged to the debug log and dropped. Cost on the
-    // calling thread: about half a microsecond for a typical call, a few
-    // microseconds at the 99th percentile (bench/tracking_bench.cpp, 2-core
-    // machine); JSON, digests and I/O happen on the library's worker thread.
+    // calling thread: under a microsecond for a typical call; the slowest one in
+    // a hundred may wait some tens of microseconds when it meets the library's
+    // worker at the queue (bench/tracking_bench.cpp, 2-core machine). JSON,
+    // digests and I/O happen on the library's worker thread.
     // Start the library before tracking: events recorded before the start are
     // kept in memory only, and the start replaces them with the events an
     // earlier run saved, when there are such.
