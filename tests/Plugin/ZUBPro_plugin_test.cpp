@@ -16,6 +16,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <latch>
+#include <thread>
 
 namespace {
 
@@ -146,4 +148,40 @@ TEST(ZUBProPlugin, StartNotificationReachesObserversBeforeStartReturns) {
     zub::removeNotificationObserver(0);  // ignored
     ZUBPro::startWithAppKey("started-app");
     EXPECT_EQ(starts, 2);
+}
+
+TEST(ZUBProPluginConcurrency, PluginsOnManyThreadsShareOneInfoAndSeeEveryStart) {
+    useClosedEndpoints();
+    zubtest::SteppingClock clock;
+    constexpr int kThreads = 8;
+    std::atomic<int> calls{0};
+    std::vector<std::thread> threads;
+    std::vector<const zub::Value*> seen(kThreads, nullptr);
+    std::latch go(kThreads + 1);
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            go.arrive_and_wait();
+            seen[t] = &ZUBPro::getMainServicesInfo();
+            // Observers come and go while the library starts on another thread.
+            for (int i = 0; i < 50; ++i) {
+                const auto id = zub::addNotificationObserver(ZUBProMainServiceStartNotification,
+                                                             [&](const std::string&) { ++calls; });
+                auto event = std::make_shared<ProbeEvent>("t" + std::to_string(t) + "-" + std::to_string(i));
+                event->setSid(ZUBPro::getSessionID(false));
+                ZUBPro::reportEvent(event);
+                zub::removeNotificationObserver(id);
+            }
+        });
+    }
+    go.arrive_and_wait();
+    ZUBPro::startWithAppKey("concurrent-app");
+    ZUBPro::startWithAppKey("concurrent-app");
+    for (auto& thread : threads) thread.join();
+
+    for (const auto* info : seen) EXPECT_EQ(info, seen[0]);
+    EXPECT_EQ(zubtest::filedEvents<ProbeEvent>().size(), static_cast<std::size_t>(kThreads * 50));
+    // After every observer is removed, a start reaches none of them.
+    const int before = calls.load();
+    ZUBPro::startWithAppKey("concurrent-app");
+    EXPECT_EQ(calls.load(), before);
 }
