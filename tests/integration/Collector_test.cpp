@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <optional>
 #include <regex>
 
 using zubtest::CollectorProcess;
@@ -169,6 +170,48 @@ TEST(CollectorMid, SameDeviceKeepsItsMidOtherDevicesGetTheirOwn) {
     EXPECT_EQ(midOf(postThroughLibrary(midRequest("IFV-1", ioa, ui, ""), again.url("/?t=ios&ver=2.0"))), mid);
 }
 
+TEST(CollectorMid, PlaceholderIdentifiersNeverJoinDifferentMachines) {
+    REQUIRE_COLLECTOR();
+    // What every machine sends when it has no "en0" interface (the SHA-1 of no
+    // bytes) and when its application opted out of OpenUDID.
+    const std::string noMac = "da39a3ee5e6b4b0d3255bfef95601890afd80709";
+    const std::string optedOut(40, '0');
+    CollectorProcess collector;
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    const std::string url = collector.url("/?t=ios&ver=2.0");
+
+    const std::string first = midOf(postThroughLibrary(midRequest("IFV-A", noMac, optedOut, ""), url));
+    const std::string second = midOf(postThroughLibrary(midRequest("IFV-B", noMac, optedOut, ""), url));
+    const std::string upper = midOf(postThroughLibrary(midRequest("IFV-C", "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709",
+                                                                  "", ""), url));
+    EXPECT_TRUE(std::regex_match(first, std::regex("[0-9a-f]{32}"))) << first;
+    EXPECT_TRUE(std::regex_match(second, std::regex("[0-9a-f]{32}"))) << second;
+    EXPECT_NE(first, second);
+    EXPECT_NE(upper, first);
+    EXPECT_NE(upper, second);
+    // The real identifiers still find each machine again.
+    EXPECT_EQ(midOf(postThroughLibrary(midRequest("IFV-A", noMac, optedOut, ""), url)), first);
+    EXPECT_EQ(midOf(postThroughLibrary(midRequest("IFV-B", "", "", ""), url)), second);
+
+    // A device first seen in a report batch is not recorded under placeholders either.
+    zub::Value reported = event("app-A", "mid-from-events", 4, 1, 1700000000, 1);
+    reported["ui"] = optedOut;
+    reported["ioa"] = noMac;
+    reported["ifv"] = "IFV-E";
+    const auto reply = postThroughLibrary(zub::Value::array({reported}), collector.url("/mstat/report"));
+    ASSERT_TRUE(reply && (*reply)["ret"] == 0);
+    const std::string fourth = midOf(postThroughLibrary(midRequest("IFV-D", noMac, optedOut, ""), url));
+    EXPECT_NE(fourth, "mid-from-events");
+    EXPECT_NE(fourth, first);
+    EXPECT_EQ(midOf(postThroughLibrary(midRequest("IFV-E", noMac, optedOut, ""), url)), "mid-from-events");
+
+    // A request with nothing but placeholders is a device of its own, not anyone's.
+    const std::string bare = midOf(postThroughLibrary(midRequest("", noMac, optedOut, ""), url));
+    EXPECT_TRUE(std::regex_match(bare, std::regex("[0-9a-f]{32}"))) << bare;
+    for (const std::string& taken : {first, second, upper, fourth}) EXPECT_NE(bare, taken);
+    EXPECT_EQ(collector.stats()["devicesRegistered"], 6);
+}
+
 TEST(CollectorConfig, SendsEachBlockOnlyToClientsNotHoldingIt) {
     REQUIRE_COLLECTOR();
     const auto configPath = zubtest::TempHome::makeDir("cfg") / "online.json";
@@ -309,6 +352,76 @@ TEST(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
     const auto noDb = CollectorProcess::run({"stats"});
     EXPECT_EQ(noDb.exitCode, 2);
     EXPECT_NE(noDb.err.find("stats needs --db PATH"), std::string::npos) << noDb.err;
+}
+
+TEST(CollectorQuery, EventTimesLeaveOutEventsWithoutATime) {
+    REQUIRE_COLLECTOR();
+    CollectorProcess collector;
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    zub::Value batch = zub::Value::array();
+    batch.push_back(event("app-A", "mid-1", 4, 1, 0, 1));  // sent with ts 0 by design
+    batch.push_back(event("app-A", "mid-1", 2, 1, 1700000000, 2));
+    batch.push_back(event("app-A", "mid-1", 1, 1, 1700000100, 3));
+    zub::Value untimed = event("app-A", "mid-1", 4, 1, 0, 4);
+    untimed.erase("ts");
+    batch.push_back(std::move(untimed));
+    const auto reply = postThroughLibrary(batch, collector.url("/mstat/report"));
+    ASSERT_TRUE(reply && (*reply)["ret"] == 0);
+
+    const auto table = CollectorProcess::run({"stats", "--db", collector.db().string()});
+    ASSERT_EQ(table.exitCode, 0) << table.err;
+    EXPECT_TRUE(std::regex_search(table.out, std::regex(R"(\n\s+first event time\s+2023-11-14 22:13:20 UTC\n)")))
+        << table.out;
+    EXPECT_TRUE(std::regex_search(table.out, std::regex(R"(\n\s+last event time\s+2023-11-14 22:15:00 UTC\n)")))
+        << table.out;
+    EXPECT_EQ(table.out.find("1970"), std::string::npos) << table.out;
+    EXPECT_TRUE(std::regex_search(table.out, std::regex(R"(\n\s+events\s+4\n)"))) << table.out;
+
+    // With no timed event at all there are no event times to show.
+    const auto onlyZero = postThroughLibrary(zub::Value::array({event("app-B", "mid-2", 4, 1, 0, 1)}),
+                                             collector.url("/mstat/report"));
+    ASSERT_TRUE(onlyZero && (*onlyZero)["ret"] == 0);
+    const auto appB = CollectorProcess::run({"stats", "--db", collector.db().string(), "--app", "app-B"});
+    ASSERT_EQ(appB.exitCode, 0) << appB.err;
+    EXPECT_EQ(appB.out.find("event time"), std::string::npos) << appB.out;
+}
+
+TEST(CollectorQuery, CustomEventsEndedByATimerCountByTheirIdentifier) {
+    REQUIRE_COLLECTOR();
+    CollectorProcess collector;
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    zub::Value batch = zub::Value::array();
+    std::int64_t idx = 0;
+    auto add = [&](std::int64_t type, const char* ei, std::optional<int> du) {
+        zub::Value e = event("app-A", "mid-1", type, 1, 1700000000 + idx, idx);
+        ++idx;
+        if (ei) e["ei"] = ei;
+        if (du) e["du"] = *du;
+        batch.push_back(std::move(e));
+    };
+    add(1000, "play", std::nullopt);  // reported at once
+    add(0, "play", 10);               // ended by a timer: no type, but its identifier
+    add(0, "play", 20);
+    add(0, "load", 4);
+    add(1000, nullptr, std::nullopt);  // a custom event without identifier still counts
+    add(4, nullptr, std::nullopt);     // neither: not a custom event
+    const auto reply = postThroughLibrary(batch, collector.url("/mstat/report"));
+    ASSERT_TRUE(reply && (*reply)["ret"] == 0);
+
+    const zub::Value stats = collector.stats();
+    ASSERT_TRUE(stats.is_object()) << collector.failure();
+    EXPECT_EQ(stats["topCustomEvents"], zub::Value::parse(R"([
+        {"ei":"play","count":3,"meanDuration":15.0}, {"ei":null,"count":1,"meanDuration":null},
+        {"ei":"load","count":1,"meanDuration":4.0}])"));
+    // The table by type keeps the type each event arrived with.
+    EXPECT_EQ(stats["byType"], zub::Value::parse(R"([
+        {"et":0,"name":"other","count":3}, {"et":1000,"name":"custom","count":2},
+        {"et":4,"name":"active time","count":1}])"));
+
+    const auto table = CollectorProcess::run({"stats", "--db", collector.db().string(), "--top", "1"});
+    ASSERT_EQ(table.exitCode, 0) << table.err;
+    EXPECT_TRUE(std::regex_search(table.out, std::regex(R"(Top custom events\n.*\n\s+play\s+3\s+15\.0\n\n)")))
+        << table.out;
 }
 
 namespace {

@@ -2,6 +2,8 @@
 
 #include "Schema.h"
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <random>
@@ -31,9 +33,28 @@ std::string newMid() {
     return mid;
 }
 
-std::optional<std::string> nonEmpty(const std::string& text) {
-    if (text.empty()) return std::nullopt;
-    return text;
+// Identifier values that many machines send alike: the temporary UDID of a
+// machine without an "en0" interface is the SHA-1 of no bytes, and an application
+// that opted out of OpenUDID sends forty "0" characters (an all-zero UUID is the
+// same kind of value). Such a value says nothing about which device sent it.
+bool isPlaceholder(std::string_view value) {
+    constexpr std::string_view kSha1OfNothing = "da39a3ee5e6b4b0d3255bfef95601890afd80709";
+    if (value.size() == kSha1OfNothing.size() &&
+        std::equal(value.begin(), value.end(), kSha1OfNothing.begin(),
+                   [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; })) {
+        return true;
+    }
+    return value.find_first_not_of("0-") == std::string_view::npos;  // also true for ""
+}
+
+// The identifier as a key to find its device by: absent when empty or a placeholder.
+std::optional<std::string> matchingKey(const std::string& value) {
+    if (isPlaceholder(value)) return std::nullopt;
+    return value;
+}
+
+std::optional<std::string> matchingKey(const std::optional<std::string>& value) {
+    return value ? matchingKey(*value) : std::nullopt;
 }
 
 }  // namespace
@@ -218,9 +239,9 @@ bool EventStore::storeBatchNow(const std::vector<EventRecord>& events, std::int3
         }
         if (event.mid && !event.mid->empty() && devicesSeen.insert(*event.mid).second) {
             s.touchDevice.bind(1, *event.mid);
-            s.touchDevice.bind(2, event.ifv);
-            s.touchDevice.bind(3, event.ioa);
-            s.touchDevice.bind(4, event.ui);
+            s.touchDevice.bind(2, matchingKey(event.ifv));
+            s.touchDevice.bind(3, matchingKey(event.ioa));
+            s.touchDevice.bind(4, matchingKey(event.ui));
             s.touchDevice.bind(5, now);
             if (!s.touchDevice.run()) {
                 error = "storage: cannot record a device: " + db_->lastError();
@@ -308,9 +329,9 @@ MidOutcome EventStore::registerDevice(const MidRequest& request) {
 bool EventStore::registerDeviceNow(const MidRequest& request, MidOutcome& outcome, std::string& error) {
     Statements& s = *statements_;
     const std::int64_t now = nowSeconds();
-    auto lookup = [&](Statement& statement, const std::string& value) -> std::optional<std::string> {
-        if (value.empty()) return std::nullopt;
-        statement.bind(1, std::string_view(value));
+    auto lookup = [&](Statement& statement, const std::optional<std::string>& value) -> std::optional<std::string> {
+        if (!value || value->empty()) return std::nullopt;
+        statement.bind(1, std::string_view(*value));
         std::optional<std::string> found;
         if (statement.step()) found = statement.text(0);
         if (statement.failed()) error = "storage: cannot look up a device: " + db_->lastError();
@@ -318,17 +339,22 @@ bool EventStore::registerDeviceNow(const MidRequest& request, MidOutcome& outcom
         return found;
     };
 
+    // Placeholder identifiers are shared by unrelated machines: they neither find
+    // a device nor are recorded as one's identifiers.
+    const std::optional<std::string> ifv = matchingKey(request.ifv);
+    const std::optional<std::string> ioa = matchingKey(request.ioa);
+    const std::optional<std::string> ui = matchingKey(request.ui);
     std::optional<std::string> mid = lookup(s.findByMid, request.mid);
-    if (!mid) mid = lookup(s.findByUi, request.ui);
-    if (!mid) mid = lookup(s.findByIoa, request.ioa);
-    if (!mid) mid = lookup(s.findByIfv, request.ifv);
+    if (!mid) mid = lookup(s.findByUi, ui);
+    if (!mid) mid = lookup(s.findByIoa, ioa);
+    if (!mid) mid = lookup(s.findByIfv, ifv);
     if (!error.empty()) return false;
 
     if (mid) {
         s.updateDevice.bind(1, *mid);
-        s.updateDevice.bind(2, nonEmpty(request.ifv));
-        s.updateDevice.bind(3, nonEmpty(request.ioa));
-        s.updateDevice.bind(4, nonEmpty(request.ui));
+        s.updateDevice.bind(2, ifv);
+        s.updateDevice.bind(3, ioa);
+        s.updateDevice.bind(4, ui);
         s.updateDevice.bind(5, now);
         if (!s.updateDevice.run()) {
             error = "storage: cannot update a device: " + db_->lastError();
@@ -345,9 +371,9 @@ bool EventStore::registerDeviceNow(const MidRequest& request, MidOutcome& outcom
         fresh = newMid();
     }
     s.insertDevice.bind(1, fresh);
-    s.insertDevice.bind(2, nonEmpty(request.ifv));
-    s.insertDevice.bind(3, nonEmpty(request.ioa));
-    s.insertDevice.bind(4, nonEmpty(request.ui));
+    s.insertDevice.bind(2, ifv);
+    s.insertDevice.bind(3, ioa);
+    s.insertDevice.bind(4, ui);
     s.insertDevice.bind(5, now);
     if (!s.insertDevice.run()) {
         error = "storage: cannot register a device: " + db_->lastError();

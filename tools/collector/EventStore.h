@@ -59,7 +59,9 @@ public:
 
     /// Finds the device by its mid or identifiers (OpenUDID, then the temporary
     /// UDID, then idfv) or registers it with a new mid; a device that brings a mid
-    /// the collector does not know keeps it. Blocks until committed. Any thread.
+    /// the collector does not know keeps it. Empty and placeholder identifiers
+    /// (values many machines share) neither match nor are recorded. Blocks until
+    /// committed. Any thread.
     MidOutcome registerDevice(const MidRequest& request);
 
     /// Finishes pending work, stops the writer and closes the database. Later calls

@@ -127,8 +127,11 @@ bool collect(Database& db, const StatsOptions& options, Stats& stats, std::strin
         return s;
     };
 
-    Statement totals = prepare(std::string("SELECT COUNT(*), COUNT(DISTINCT mid), COUNT(DISTINCT app_key), MIN(ts), "
-                                           "MAX(ts), MIN(received), MAX(received) FROM events WHERE ") +
+    // Some kinds of event are sent with "ts" 0 on purpose: they have no time of
+    // their own, so the event times leave them out (as they do events without "ts").
+    Statement totals = prepare(std::string("SELECT COUNT(*), COUNT(DISTINCT mid), COUNT(DISTINCT app_key), "
+                                           "MIN(NULLIF(ts, 0)), MAX(NULLIF(ts, 0)), MIN(received), MAX(received) "
+                                           "FROM events WHERE ") +
                                kApp);
     if (!totals.ok()) return false;
     if (totals.step()) {
@@ -160,10 +163,11 @@ bool collect(Database& db, const StatsOptions& options, Stats& stats, std::strin
     while (types.step()) stats.byType.emplace_back(optionalInteger(types, 0), types.integer(1));
     if (types.failed()) return error = db.lastError(), false;
 
-    auto named = [&](std::int64_t type, const char* key, std::vector<NamedCount>& into) {
+    // `which` selects the events of the kind (?2 being its event type).
+    auto named = [&](std::int64_t type, const char* key, const char* which, std::vector<NamedCount>& into) {
         Statement s = prepare(std::string("SELECT json_extract(body, '$.") + key +
-                              "') AS name, COUNT(*), AVG(json_extract(body, '$.du')) FROM events WHERE et = ?2 AND " +
-                              kApp + " GROUP BY name ORDER BY COUNT(*) DESC, name LIMIT ?3");
+                              "') AS name, COUNT(*), AVG(json_extract(body, '$.du')) FROM events WHERE (" + which +
+                              ") AND " + kApp + " GROUP BY name ORDER BY COUNT(*) DESC, name LIMIT ?3");
         if (!s.ok()) return false;
         s.bind(2, type);
         s.bind(3, static_cast<std::int64_t>(options.top));
@@ -178,7 +182,10 @@ bool collect(Database& db, const StatsOptions& options, Stats& stats, std::strin
         if (s.failed()) return error = db.lastError(), false;
         return true;
     };
-    return named(1000, "ei", stats.customEvents) && named(1, "pi", stats.pages);
+    // A custom event ended by a timer arrives without its type ("et" 0) but with
+    // its identifier: an event is a custom event by its "ei" as much as by its type.
+    return named(1000, "ei", "et = ?2 OR json_extract(body, '$.ei') IS NOT NULL", stats.customEvents) &&
+           named(1, "pi", "et = ?2", stats.pages);
 }
 
 zub::Value namedJson(const std::vector<NamedCount>& rows, const char* nameKey, const char* countKey) {
