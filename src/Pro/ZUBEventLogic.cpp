@@ -14,13 +14,10 @@ ZUBEventLogic& ZUBEventLogic::getInstance() {
     return *instance;
 }
 
-ZUBEventLogic::ZUBEventLogic()
-    : eventListLock_(ZUBEventDal::getInstance().eventListLock()),
-      reachability_(ZUBProReachability::reachabilityForInternetConnection()) {
-    startStatusMonitor();
-}
+ZUBEventLogic::ZUBEventLogic() : eventListLock_(ZUBEventDal::getInstance().eventListLock()) {}
 
 void ZUBEventLogic::startStatusMonitor() {
+    reachability_ = ZUBProReachability::reachabilityForInternetConnection();
     if (!reachability_) return;
     const ZUBProReachability* reachability = reachability_.get();
     statusMonitor_ = std::make_unique<zub::LinkMonitor>(reachability->handle(), [this, reachability](std::uint32_t flags) {
@@ -39,6 +36,9 @@ void ZUBEventLogic::startStatusMonitor() {
 }
 
 std::int64_t ZUBEventLogic::networkStatus() {
+    // Made at the first check, on the queue: a host's start never waits for the
+    // kernel's tables or for the monitor's thread.
+    std::call_once(statusOnce_, [this] { startStatusMonitor(); });
     const std::int64_t cached = cachedStatus_.load();
     if (cached != kStatusUnknown) return cached;
     return reachability_ ? static_cast<std::int64_t>(reachability_->currentReachabilityStatus()) : 0;

@@ -23,11 +23,11 @@
 // reply has been handled. The flag, lastReportTs and the cached network status
 // are atomics; instantEventList and ignoreEventList have a small lock of their own.
 //
-// Network status: asked once per filing call and once per reply. Reading the
-// kernel's tables costs a netlink round trip, so the status is kept up to date by
-// a link monitor (a listener thread that wakes only on the kernel's link, address
-// and route notices) and read from memory; where no monitor can run, every check
-// asks the kernel.
+// Network status: asked once per filing call and once per reply, on the queue.
+// Reading the kernel's tables costs a netlink round trip, so the status is kept up
+// to date by a link monitor (a listener thread, started at the first check, that
+// wakes only on the kernel's link, address and route notices) and read from
+// memory; where no monitor can run, every check asks the kernel.
 #pragma once
 
 #include "Dal/ZUBEventDictionary.h"
@@ -108,9 +108,11 @@ private:
     mutable std::mutex listsMutex_;
     zub::Value instantEventList_ = zub::Value::array();  // guarded by listsMutex_
     zub::Value ignoreEventList_ = zub::Value::array();   // guarded by listsMutex_
-    std::unique_ptr<ZUBProReachability> reachability_;   // made once, read-only after
+    // Made under statusOnce_ at the first status check, read-only after.
+    std::once_flag statusOnce_;
+    std::unique_ptr<ZUBProReachability> reachability_;
+    std::unique_ptr<zub::LinkMonitor> statusMonitor_;
     // The status the monitor last reported; kStatusUnknown until it runs.
     static constexpr std::int64_t kStatusUnknown = -1;
     std::atomic<std::int64_t> cachedStatus_{kStatusUnknown};
-    std::unique_ptr<zub::LinkMonitor> statusMonitor_;    // made once, never destroyed
 };
