@@ -295,6 +295,7 @@ TEST(ReportPipeline, WithoutAMidEverythingWaitsAndNothingIsSent) {
 
 TEST(ReportPipeline, BatchesHoldAtMostTenEventsOldestFirst) {
     REQUIRE_COLLECTOR();
+    if (!zubtest::networkReachable()) GTEST_SKIP() << "no default route: replies start no further cycles";
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
     pointAt(collector);
@@ -475,6 +476,7 @@ TEST(ReportPipeline, ATimeOutNeverCountsAnAttempt) {
 }
 
 TEST(ReportPipeline, AReplyThatIsNotADictionaryResendsTheSameBatch) {
+    if (!zubtest::networkReachable()) GTEST_SKIP() << "no default route: replies start no further cycles";
     zubtest::WireServer server;
     int reports = 0;
     server.setHandler([&](const zubtest::WireRequest& request) -> std::string {
@@ -576,6 +578,7 @@ TEST(ReportPipeline, APushedConfigurationTakesEffectAtTheNextStart) {
 
 TEST(ReportPipeline, EventsSavedInTheBackgroundAreSentByTheNextRun) {
     REQUIRE_COLLECTOR();
+    if (!zubtest::networkReachable()) GTEST_SKIP() << "no default route: replies start no further cycles";
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
     const std::string reportURL = collector.url("/mstat/report"), midURL = collector.url("/?t=ios&ver=2.0");

@@ -1,6 +1,7 @@
 #include "support/ReportPipeline.h"
 
 #include "Common/DeviceID/ZUBProMid.h"
+#include "Common/Network/ZUBProReachability.h"
 #include "Common/Network/ZUBWireCodec.h"
 #include "Common/ZUBProConfig.h"
 #include "Dal/ZUBEventDal.h"
@@ -23,6 +24,11 @@ bool settlePipeline() {
         if (mid.idle() && report.idle()) return true;
     }
     return false;
+}
+
+bool networkReachable() {
+    auto reachability = ZUBProReachability::reachabilityForInternetConnection();
+    return reachability && reachability->currentReachabilityStatus() != ZUBNetworkNotReachable;
 }
 
 namespace {

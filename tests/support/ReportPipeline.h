@@ -22,6 +22,10 @@ namespace zubtest {
 /// left). False when that takes more than five minutes.
 bool settlePipeline();
 
+/// Whether this machine's network status is "reachable" (not 0). Only then does a
+/// reply start the next cycle; tests of chained cycles need it.
+bool networkReachable();
+
 /// md5 keys of the event store's waiting / retry dictionaries, in their order.
 std::vector<std::string> waitingKeys();
 std::vector<std::string> retryKeys();
