@@ -59,21 +59,44 @@ void ZUBEventLogic::file(const EventPtr& event) {
     ZUBEventDal::getInstance().toReportEvents().set(*event->md5(), event);
 }
 
+// Events handed over wait in `pending_` until filed. The queue files them in
+// order; a host that is about to save the store files them first on its own
+// thread (filePendingEvents), so an event tracked just before the application
+// goes to the background is saved with the others instead of being lost.
 void ZUBEventLogic::reportEvent(EventPtr event) {
     if (!event) return;
-    queue_.async([this, event = std::move(event)] {
-        file(event);
+    {
+        std::lock_guard lock(pendingMutex_);
+        pending_.push_back(std::move(event));
+    }
+    queue_.async([this] {
+        filePendingEvents();
         checkStrategyReport();
     });
 }
 
 void ZUBEventLogic::reportEvents(EventList events) {
-    queue_.async([this, events = std::move(events)] {
-        for (const auto& event : events) {
-            if (event) file(event);
+    {
+        std::lock_guard lock(pendingMutex_);
+        for (auto& event : events) {
+            if (event) pending_.push_back(std::move(event));
         }
+    }
+    queue_.async([this] {
+        filePendingEvents();
         checkStrategyReport();
     });
+}
+
+void ZUBEventLogic::filePendingEvents() {
+    // One filer at a time, so events are filed in the order they were handed over.
+    std::lock_guard filing(filingMutex_);
+    EventList events;
+    {
+        std::lock_guard lock(pendingMutex_);
+        events.swap(pending_);
+    }
+    for (const auto& event : events) file(event);
 }
 
 void ZUBEventLogic::checkStrategyReport() {

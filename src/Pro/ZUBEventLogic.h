@@ -59,6 +59,9 @@ public:
     void reportEvent(EventPtr event);
     /// Files each event in order, then checks the strategy once.
     void reportEvents(EventList events);
+    /// Files the events handed over but not yet filed, on the calling thread.
+    /// The host's background and terminate handlers call it before saving.
+    void filePendingEvents();
     /// One report cycle on the calling thread (the post itself goes to the queue).
     void reportEvents();
     /// Decides whether to start a cycle; runs on the queue.
@@ -103,6 +106,9 @@ private:
     zub::SerialQueue queue_{"ZUBHttpDispatcher"};
     std::recursive_mutex& eventListLock_;  // the event store's lock ("_eventListKey")
     EventList sendingEvents_;              // guarded by eventListLock_
+    std::mutex pendingMutex_;
+    EventList pending_;                    // guarded by pendingMutex_
+    std::mutex filingMutex_;               // held while pending events are filed
     std::atomic<bool> isSendingCacheEvent_{false};
     std::atomic<std::uint64_t> lastReportTs_{0};
     mutable std::mutex listsMutex_;

@@ -28,6 +28,13 @@ void loadAndSendStoredEvents() {
     ZUBEventLogic::getInstance().reportEvents();
 }
 
+// Saves the store with every event tracked so far, including those still on
+// their way to the report queue.
+void saveStore() {
+    ZUBEventLogic::getInstance().filePendingEvents();
+    ZUBEventDal::getInstance().saveLogfile();
+}
+
 }  // namespace
 
 void ZUBPro::startWithAppKey(const std::optional<std::string>& appKey) {
@@ -98,11 +105,11 @@ void ZUBPro::onApplicationDidBecomeActive() {
 }
 
 void ZUBPro::onWillApplicationEnterBackground() {
-    zubGuarded("onWillApplicationEnterBackground", [] { ZUBEventDal::getInstance().saveLogfile(); });
+    zubGuarded("onWillApplicationEnterBackground", [] { saveStore(); });
 }
 
 void ZUBPro::onWillApplicationWillTerminate() {
-    zubGuarded("onWillApplicationWillTerminate", [] { ZUBEventDal::getInstance().saveLogfile(); });
+    zubGuarded("onWillApplicationWillTerminate", [] { saveStore(); });
 }
 
 void ZUBPro::addNotification() {}

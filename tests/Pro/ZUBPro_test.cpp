@@ -2,17 +2,21 @@
 // loopback server for both endpoints.
 #include <ZUBCocoa/ZUBPlatform.h>
 #include <ZUBCocoa/ZUBPro.h>
+#include <ZUBCocoa/ZUBProEvent.h>
 
 #include "Common/ZUBProConfig.h"
 #include "Common/ZUBProStore.h"
 #include "Dal/ZUBDeviceIDDal.h"
 #include "Dal/ZUBEventDal.h"
+#include "Platform/AtomicFile.h"
+#include "Pro/ZUBEventLogic.h"
 #include "support/ManualClock.h"
 #include "support/ReportPipeline.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <future>
 
 namespace {
 
@@ -127,4 +131,34 @@ TEST(ZUBPro, LifecycleHandlersDoWhatEachPromisesAndNoMore) {
     clock.advanceSeconds(30);
     ZUBPro::onDidApplicationBecomeActive();
     EXPECT_NE(ZUBPro::getSessionID(false), session);
+}
+
+TEST(ZUBPro, EventsStillOnTheirWayAreSavedWhenTheHostGoesToTheBackground) {
+    ZUBPro::setReportStrategy(8);
+    ZUBPro::setSmartReport(false);
+    // Hold the report queue, so the events below are handed over but not yet filed.
+    std::promise<void> gate;
+    auto opened = gate.get_future().share();
+    ZUBEventLogic::getInstance().queue().async([opened] { opened.wait(); });
+    for (int i = 0; i < 5; ++i) {
+        auto event = std::make_shared<ZUBProEvent>();
+        event->setType(3000);
+        event->setTs(1700000000u + static_cast<std::uint64_t>(i));
+        event->setSid(static_cast<std::uint64_t>(i + 1));
+        ZUBPro::reportEvent(event);
+    }
+    ZUBPro::onWillApplicationEnterBackground();
+    gate.set_value();
+    ASSERT_TRUE(ZUBEventLogic::getInstance().queue().flush(std::chrono::seconds(10)));
+
+    auto bytes = zub::AtomicFile::read(logPath());
+    ASSERT_TRUE(bytes);
+    auto saved = ZUBEventDal::decodeLogfile(*bytes);
+    ASSERT_TRUE(saved);
+    EXPECT_EQ(saved->size(), 5u);
+    std::uint64_t expectedTs = 1700000000u;
+    for (const auto& [key, event] : *saved) EXPECT_EQ(event->ts(), expectedTs++);  // in the order tracked
+    // Filed once: the queue found nothing left to file.
+    std::lock_guard lock(ZUBEventDal::getInstance().eventListLock());
+    EXPECT_EQ(ZUBEventDal::getInstance().toReportEvents().size(), 5u);
 }
