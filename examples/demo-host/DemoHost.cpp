@@ -114,15 +114,6 @@ std::string waitForMid(std::chrono::milliseconds limit) {
     return mid;
 }
 
-// Tracking calls return at once and the library files their events on its own
-// queue, while the background and quit handlers write the store on the calling
-// thread: an event still in the queue then is not in the saved file, and the
-// return from the background replaces the events in memory with those saved.
-// The public API has no flush yet, so the host gives the queue a moment first.
-void letTheLibraryFileItsEvents() {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -207,7 +198,6 @@ int main(int argc, char** argv) {
     say("pages Editor and Home closed");
 
     // ---- 3. background and back -------------------------------------------------
-    letTheLibraryFileItsEvents();
     ZUBPro::onWillApplicationResignActive();
     ZUBPro::onWillApplicationEnterBackground();
     say("to the background: unsent events saved to disk");
@@ -225,7 +215,6 @@ int main(int argc, char** argv) {
     ZUBPro::trackActiveEnd();
     say("page Home viewed again; custom event \"quit\"; active time ends");
 
-    letTheLibraryFileItsEvents();
     ZUBPro::onWillApplicationWillTerminate();
     say("quit: the events recorded since the return are saved for the next launch");
     return 0;
