@@ -65,6 +65,10 @@ public:
     /// std::nullopt for text that is not JSON (silently) or for a bare scalar
     /// (logs "An error happened while deserializing the JSON data.").
     static std::optional<zub::Value> jsonToObj(const std::optional<std::string>& text);
+    /// A value's text as the platform prints an object: a string as it is, a
+    /// boolean as 1 or 0, a whole number without a fraction (0.0 reads "0"),
+    /// anything else as compact JSON. Replies' "ret" codes are compared this way.
+    static std::string valueDescription(const zub::Value& value);
     /// True when objToJson would write the value.
     static bool isValidJSONObject(const zub::Value& object);
 

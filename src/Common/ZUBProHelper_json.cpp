@@ -52,3 +52,15 @@ std::optional<zub::Value> ZUBProHelper::jsonToObj(const std::optional<std::strin
     trackError("An error happened while deserializing the JSON data.");
     return std::nullopt;
 }
+
+std::string ZUBProHelper::valueDescription(const zub::Value& value) {
+    if (value.is_string()) return value.get<std::string>();
+    if (value.is_boolean()) return value.get<bool>() ? "1" : "0";
+    if (value.is_number_float()) {
+        const double d = value.get<double>();
+        if (d > -9.2e18 && d < 9.2e18 && d == static_cast<double>(static_cast<long long>(d))) {
+            return std::to_string(static_cast<long long>(d));
+        }
+    }
+    return value.dump();
+}

@@ -23,21 +23,6 @@ std::size_t utf16Length(const std::string& text) {
     return units;
 }
 
-// A reply value as the platform's "%@" would print it, for the "ret" test: a
-// string as it is, a boolean as 1 or 0, a number in its shortest form (a whole
-// floating-point number without a fraction, so 0.0 reads "0").
-std::string valueText(const zub::Value& v) {
-    if (v.is_string()) return v.get<std::string>();
-    if (v.is_boolean()) return v.get<bool>() ? "1" : "0";
-    if (v.is_number_float()) {
-        const double d = v.get<double>();
-        if (d > -9.2e18 && d < 9.2e18 && d == static_cast<double>(static_cast<long long>(d))) {
-            return std::to_string(static_cast<long long>(d));
-        }
-    }
-    return v.dump();
-}
-
 bool isNetworkFailure(const std::optional<zub::Value>& reply) {
     if (!reply || !reply->is_object()) return false;
     auto error = reply->find(responseErrorKey);
@@ -109,7 +94,7 @@ void ZUBEventLogic::doAfReceiveData(const std::optional<zub::Value>& reply) {
         if (ret == reply->end()) {
             ZUBProHelper::LogDebug("no ret return");
             handleReportFailed(reply);
-        } else if (valueText(*ret) == "0") {
+        } else if (ZUBProHelper::valueDescription(*ret) == "0") {
             {
                 std::lock_guard lock(eventListLock_);
                 ZUBEventDal& store = ZUBEventDal::getInstance();

@@ -189,3 +189,12 @@ TEST(ZUBProHelperHost, CompanyDomainIsIdentifierWithoutLastPiece) {
     zub::Bundle::setInfoValue("CFBundleIdentifier", "a.b.");
     EXPECT_EQ(ZUBProHelper::getCompanyDomain(), "a.b");
 }
+
+TEST(ZUBProHelperJson, ValuesPrintAsThePlatformPrintsObjects) {
+    EXPECT_EQ(ZUBProHelper::valueDescription(zub::Value(0)), "0");
+    EXPECT_EQ(ZUBProHelper::valueDescription(zub::Value(0.0)), "0");
+    EXPECT_EQ(ZUBProHelper::valueDescription(zub::Value(2.5)), "2.5");
+    EXPECT_EQ(ZUBProHelper::valueDescription(zub::Value("00")), "00");
+    EXPECT_EQ(ZUBProHelper::valueDescription(zub::Value(false)), "0");
+    EXPECT_EQ(ZUBProHelper::valueDescription(zub::Value::object({{"a", 1}})), R"({"a":1})");
+}

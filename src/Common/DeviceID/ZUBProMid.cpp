@@ -10,20 +10,6 @@ namespace {
 
 constexpr std::int64_t kMidTimeLimit = 5;
 
-// A reply value as the platform's "%@" would print it: a string as it is, a
-// boolean as 1 or 0, a number in its shortest form (0.0 reads "0").
-std::string valueText(const zub::Value& v) {
-    if (v.is_string()) return v.get<std::string>();
-    if (v.is_boolean()) return v.get<bool>() ? "1" : "0";
-    if (v.is_number_float()) {
-        const double d = v.get<double>();
-        if (d > -9.2e18 && d < 9.2e18 && d == static_cast<double>(static_cast<long long>(d))) {
-            return std::to_string(static_cast<long long>(d));
-        }
-    }
-    return v.dump();
-}
-
 const char* typeName(const zub::Value& v) {
     return v.is_array() ? "NSArray" : v.is_string() ? "NSString" : v.is_number() ? "NSNumber" : "NSNull";
 }
@@ -76,13 +62,13 @@ void ZUBProMid::handleReply(const std::optional<zub::Value>& reply) {
         handleReportFailed();
         return;
     }
-    if (valueText(*ret) != "0") {
+    if (ZUBProHelper::valueDescription(*ret) != "0") {
         handleReportFailed();
         return;
     }
     auto mid = reply->find("mid");
     if (mid == reply->end() || mid->is_null()) return;
-    const std::string value = valueText(*mid);
+    const std::string value = ZUBProHelper::valueDescription(*mid);
     ZUBDeviceIDDal::getInstance().saveMID(value);
     ZUBProHelper::LogDebug("mid is saved:%@", value);
 }
