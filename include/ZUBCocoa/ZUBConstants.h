@@ -8,6 +8,10 @@
 /// "ZUB_MAIN_SERVICE_START_NOTIFICATION". Plug-ins wait for it.
 ZUB_EXTERN_C ZUB_EXPORT const char* const ZUBProMainServiceStartNotification;
 
+/// Name of the notification a started reachability notifier posts when the
+/// network status changes: "kNetworkReachabilityChangedNotification".
+ZUB_EXTERN_C ZUB_EXPORT const char* const kZUBProReachabilityChangedNotification;
+
 // Keys of the dictionary ZUBPro::getMainServicesInfo returns to plug-ins.
 ZUB_EXTERN_C ZUB_EXPORT const char* const kZUBInfoAppKey;        // "KEY_ZUB_INFO_APP_KEY"
 ZUB_EXTERN_C ZUB_EXPORT const char* const kZUBInfoChannel;       // "KEY_ZUB_INFO_CHANNEL"

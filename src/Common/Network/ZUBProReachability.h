@@ -14,6 +14,8 @@
 // The wrapper must stay alive while its notifier runs (destroying it stops it).
 #pragma once
 
+#include <ZUBCocoa/ZUBConstants.h>
+
 #include "Platform/LinkState.h"
 
 #include <ZUBCocoa/ZUBExport.h>
@@ -26,7 +28,6 @@ struct sockaddr;
 
 /// Name of the notification posted on every reachability change:
 /// "kNetworkReachabilityChangedNotification".
-ZUB_EXTERN_C ZUB_EXPORT const char* const kZUBProReachabilityChangedNotification;
 
 enum ZUBNetworkStatus : std::int64_t {
     ZUBNetworkNotReachable = 0,
