@@ -69,6 +69,15 @@ std::string registerDevice() {
     return ZUBDeviceIDDal::getInstance().getMID();
 }
 
+// Starts the collector, points the library at it, turns smart reporting off (so
+// the strategy alone decides) and registers the device.
+void startAndRegister(CollectorProcess& collector) {
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    pointAt(collector);
+    ZUBPro::setSmartReport(false);
+    ASSERT_FALSE(registerDevice().empty());
+}
+
 std::vector<std::string> storedM5s(CollectorProcess& collector) {
     std::vector<std::string> out;
     for (const auto& row : collector.storedEvents()) out.push_back(row["event"].value("m5", std::string("<none>")));
@@ -197,11 +206,8 @@ TEST(ReportPipeline, StrategyOneSendsEveryEventAtOnce) {
 TEST(ReportPipeline, StrategyEightWaitsForTheNextStartOrActivation) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
-    pointAt(collector);
     ManualClock clock;
-    ZUBPro::setSmartReport(false);
-    ASSERT_FALSE(registerDevice().empty());
+    ASSERT_NO_FATAL_FAILURE(startAndRegister(collector));
     LogCapture log;
 
     ZUBPro::startWithAppKey("app-eight");
@@ -297,11 +303,8 @@ TEST(ReportPipeline, BatchesHoldAtMostTenEventsOldestFirst) {
     REQUIRE_COLLECTOR();
     if (!zubtest::networkReachable()) GTEST_SKIP() << "no default route: replies start no further cycles";
     CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
-    pointAt(collector);
     ManualClock clock;
-    ZUBPro::setSmartReport(false);
-    ASSERT_FALSE(registerDevice().empty());
+    ASSERT_NO_FATAL_FAILURE(startAndRegister(collector));
 
     ZUBPro::startWithAppKey("app-batch");
     for (int i = 0; i < 24; ++i) track(clock, "e", {{"n", i}});
@@ -359,11 +362,8 @@ TEST(ReportPipeline, AFailedEventWaitsTheVacuumTimeBeforeItIsSentAgain) {
 TEST(ReportPipeline, RefusedBatchesDropOrdinaryEventsAfterThreeAttemptsAndImportantOnesAfterTen) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector({"--fault-ret", "1", "--fault-path", "report"});
-    ASSERT_TRUE(collector.start()) << collector.failure();
-    pointAt(collector);
     ManualClock clock;
-    ZUBPro::setSmartReport(false);
-    ASSERT_FALSE(registerDevice().empty());
+    ASSERT_NO_FATAL_FAILURE(startAndRegister(collector));
 
     ZUBPro::startWithAppKey("app-limits");  // the session event is important
     auto ordinaryEvent = std::make_shared<SizedEvent>(3001, 0);  // a plug-in's event, not important
@@ -405,11 +405,8 @@ TEST(ReportPipeline, RefusedBatchesDropOrdinaryEventsAfterThreeAttemptsAndImport
 TEST(ReportPipeline, NetworkFailuresNeverCountAnAttempt) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
-    pointAt(collector);
     ManualClock clock;
-    ZUBPro::setSmartReport(false);
-    ASSERT_FALSE(registerDevice().empty());
+    ASSERT_NO_FATAL_FAILURE(startAndRegister(collector));
     ZUBPro::startWithAppKey("app-net");
     ZUBPro::trackCustomEvent("ordinary");
     ASSERT_TRUE(settlePipeline());
@@ -445,11 +442,8 @@ TEST(ReportPipeline, ATimeOutNeverCountsAnAttempt) {
     REQUIRE_COLLECTOR();
     // The report post has a 10 s limit: the collector answers three requests too late.
     CollectorProcess collector({"--fault-delay-ms", "10500", "--fault-count", "3", "--fault-path", "report"});
-    ASSERT_TRUE(collector.start()) << collector.failure();
-    pointAt(collector);
     ManualClock clock;
-    ZUBPro::setSmartReport(false);
-    ASSERT_FALSE(registerDevice().empty());
+    ASSERT_NO_FATAL_FAILURE(startAndRegister(collector));
     LogCapture log;
     ZUBPro::startWithAppKey("app-timeout");
     ZUBPro::trackCustomEvent("ordinary");
@@ -513,11 +507,8 @@ TEST(ReportPipeline, AReplyThatIsNotADictionaryResendsTheSameBatch) {
 TEST(ReportPipeline, EventsOfMaximumLengthAreDroppedUnlessOfTypeThree) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
-    pointAt(collector);
     ManualClock clock;
-    ZUBPro::setSmartReport(false);
-    ASSERT_FALSE(registerDevice().empty());
+    ASSERT_NO_FATAL_FAILURE(startAndRegister(collector));
     ZUBPro::startWithAppKey("app-long");
     auto tooLong = std::make_shared<SizedEvent>(1000, 4096);
     clock.advanceSeconds(0.00002);
