@@ -3,6 +3,7 @@
 
 #include <ZUBCocoa/ZUBArchiving.h>
 #include <ZUBCocoa/ZUBConstants.h>
+#include <ZUBCocoa/ZUBDelivery.h>
 #include <ZUBCocoa/ZUBEndpoints.h>
 #include <ZUBCocoa/ZUBExport.h>
 #include <ZUBCocoa/ZUBPlatform.h>

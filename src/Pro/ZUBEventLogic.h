@@ -38,6 +38,7 @@
 #include <ZUBCocoa/ZUBValue.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -64,6 +65,10 @@ public:
     void filePendingEvents();
     /// One report cycle on the calling thread (the post itself goes to the queue).
     void reportEvents();
+    /// The host's flush: files what is pending, waits for a registration in
+    /// progress, runs cycles until nothing sendable is left, up to `deadline`.
+    /// True when nothing accepted is left unacknowledged.
+    bool flushUntil(std::chrono::steady_clock::time_point deadline);
     /// Decides whether to start a cycle; runs on the queue.
     void checkStrategyReport();
     /// Moves up to `maximum` eligible waiting events into the batch (lock held).
