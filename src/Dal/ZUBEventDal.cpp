@@ -82,6 +82,14 @@ void ZUBEventDal::loadLogfile() {
     std::lock_guard lock(eventListLock_);
     readLogfile(kToReportLog, toReportEvents_);
     readLogfile(kRetryLog, retryEvents_);
+    // A waiting event saved while it was being sent keeps its last attempt time,
+    // but the mark that makes such an event eligible again is not saved: without
+    // it the event would never be picked. Mark it, so it goes again once the
+    // vacuum time has passed, as an event whose send failed on the network does.
+    for (const auto& [key, event] : toReportEvents_) {
+        if (event->lastReportTs() != 0) event->setIsWrongWifi(true);
+    }
+    if (loadObserver_) loadObserver_();
 }
 
 void ZUBEventDal::saveLastSendTime(std::int64_t seconds) {

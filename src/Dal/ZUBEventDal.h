@@ -19,6 +19,7 @@
 #include <ZUBCocoa/ZUBValue.h>
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -37,6 +38,12 @@ public:
 
     void saveLogfile();
     void loadLogfile();
+    /// Called (on the loading thread, lock held) after loadLogfile replaced the
+    /// dictionaries; the report pipeline matches them with its journal.
+    void setLoadObserver(std::function<void()> observer) {
+        std::lock_guard lock(eventListLock_);
+        loadObserver_ = std::move(observer);
+    }
 
     ZUBTimedTable& getTimedPageDic() { return timePageDic_; }
     ZUBTimedTable& getTimeEventDic() { return timeEventDic_; }
@@ -71,4 +78,5 @@ private:
     ZUBEventDictionary retryEvents_;     // guarded by eventListLock_
     ZUBTimedTable timePageDic_;
     ZUBTimedTable timeEventDic_;
+    std::function<void()> loadObserver_;  // guarded by eventListLock_
 };

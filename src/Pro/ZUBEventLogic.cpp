@@ -14,7 +14,16 @@ ZUBEventLogic& ZUBEventLogic::getInstance() {
     return *instance;
 }
 
-ZUBEventLogic::ZUBEventLogic() : eventListLock_(ZUBEventDal::getInstance().eventListLock()) {}
+ZUBEventLogic::ZUBEventLogic() : eventListLock_(ZUBEventDal::getInstance().eventListLock()) {
+    // Events a load put in place of those in memory are matched with the journal
+    // on the queue, before any reply can settle them.
+    ZUBEventDal::getInstance().setLoadObserver([this] {
+        queue_.async([this] {
+            std::lock_guard lock(eventListLock_);
+            reconcileAfterLoad();
+        });
+    });
+}
 
 void ZUBEventLogic::startStatusMonitor() {
     reachability_ = ZUBProReachability::reachabilityForInternetConnection();
@@ -52,11 +61,43 @@ std::optional<std::string> ZUBEventLogic::generateMd5(ZUBProEvent& event) {
     return ZUBProHelper::md5encrypt(text);
 }
 
+namespace {
+constexpr int kFreshIndexAttempts = 8;
+}  // namespace
+
+// Two events made in the same microsecond window of one session can come out
+// with the same key; the newcomer then gets a fresh index, and so a fresh key,
+// instead of replacing the event already held.
+void ZUBEventLogic::assignFreeKey(ZUBProEvent& event) {
+    ZUBEventDal& store = ZUBEventDal::getInstance();
+    auto takenByOther = [&](const std::string& key) {
+        for (ZUBEventDictionary* dict : {&store.toReportEvents(), &store.retryEvents()}) {
+            if (auto held = dict->get(key); held && held.get() != &event) return true;
+        }
+        return false;
+    };
+    if (!event.md5()) event.setMd5(generateMd5(event));
+    for (int attempt = 0; event.md5() && takenByOther(*event.md5()); ++attempt) {
+        if (attempt == 0) ZUBProHelper::LogDebug("event key %@ is taken; the newer event gets a fresh index", *event.md5());
+        if (attempt < kFreshIndexAttempts) {
+            event.setMd5(generateMd5(event));
+        } else {
+            // A clock that stands still leaves only four indices: derive a new key
+            // from the taken one instead.
+            event.setMd5(ZUBProHelper::md5encrypt(*event.md5() + "#" + std::to_string(attempt)));
+        }
+    }
+}
+
 void ZUBEventLogic::file(const EventPtr& event) {
-    if (!event->md5()) event->setMd5(generateMd5(*event));
-    if (!event->md5()) return;
     std::lock_guard lock(eventListLock_);
-    ZUBEventDal::getInstance().toReportEvents().set(*event->md5(), event);
+    assignFreeKey(*event);
+    if (!event->md5()) return;
+    if (journalReady()) {
+        journalFile(event);
+    } else {
+        ZUBEventDal::getInstance().toReportEvents().set(*event->md5(), event);
+    }
 }
 
 // Events handed over wait in `pending_` until filed. The queue files them in
@@ -97,6 +138,8 @@ void ZUBEventLogic::filePendingEvents() {
         events.swap(pending_);
     }
     for (const auto& event : events) file(event);
+    std::lock_guard lock(eventListLock_);
+    if (journal_ && queue_.isCurrent()) refillFromJournal();
 }
 
 void ZUBEventLogic::checkStrategyReport() {

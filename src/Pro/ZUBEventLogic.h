@@ -31,6 +31,7 @@
 #pragma once
 
 #include "Dal/ZUBEventDictionary.h"
+#include "Dal/ZUBEventJournal.h"
 #include "Platform/LinkState.h"
 #include "Platform/SerialQueue.h"
 
@@ -43,6 +44,8 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 class ZUBProReachability;
@@ -101,9 +104,32 @@ public:
     /// The queue "ZUBHttpDispatcher" (tests flush it).
     zub::SerialQueue& queue() { return queue_; }
 
+    // ---- the event journal (ZUBEventLogic_journal.cpp) ----
+    /// Opens the journal on the queue, if it is not open yet, and brings back the
+    /// events an earlier run left unacknowledged. Called by the host's start.
+    void startJournal();
+    /// Makes the journal durable now (the saving handlers call it).
+    void syncJournal();
+    /// Events the journal holds on disk only (overflow and parked), for flush and tests.
+    std::size_t journalBacklog();
+    /// Events accepted and not yet acknowledged: on their way to the queue, held
+    /// in memory or waiting on disk.
+    std::size_t unacknowledgedCount();
+
 private:
     ZUBEventLogic();
     void file(const EventPtr& event);
+    /// Gives the event a key no other held event has (lock held).
+    void assignFreeKey(ZUBProEvent& event);
+    // Journal steps; every one runs with eventListLock_ held.
+    bool journalReady();
+    void openJournal();
+    void journalFile(const EventPtr& event);
+    void journalRetire(const std::string& md5);
+    void refillFromJournal();
+    void reconcileAfterLoad();
+    void reportDrops();
+    void holdInMemory(const EventPtr& event, std::optional<std::uint64_t> seq);
     /// The current reachability status (0, 1 or 2) of the internet target.
     std::int64_t networkStatus();
     void startStatusMonitor();
@@ -126,4 +152,12 @@ private:
     // The status the monitor last reported; kStatusUnknown until it runs.
     static constexpr std::int64_t kStatusUnknown = -1;
     std::atomic<std::int64_t> cachedStatus_{kStatusUnknown};
+
+    // The journal and its bookkeeping, all guarded by eventListLock_.
+    std::unique_ptr<ZUBEventJournal> journal_;
+    bool journalTried_ = false;
+    std::unordered_map<std::string, std::uint64_t> seqOfKey_;  // events in memory -> journal seq
+    std::unordered_map<std::uint64_t, std::string> keyOfSeq_;
+    std::unordered_map<std::string, std::uint64_t> parkedKeys_;  // on disk until the next start
+    std::uint64_t unreportedDrops_ = 0;
 };

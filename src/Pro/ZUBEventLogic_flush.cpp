@@ -39,19 +39,42 @@ bool ZUBEventLogic::flushUntil(Clock::time_point deadline) {
     const std::int64_t strategy = ZUBProConfig::getInstance().reportStrategy();
     const bool send = strategy == 1 || strategy == 8 ||
                       (ZUBProConfig::getInstance().isSmartReport() && networkStatus() == 1);
-    queue_.async([this, send] {
-        filePendingEvents();
-        if (send) reportEvents();
-    });
-    if (!drain(queue_, deadline)) {
-        ZUBProHelper::LogDebug("flush: report cycles still running at the time limit");
-        return false;
+    // Cycles are started here one after another for as long as each one makes
+    // progress: a reply starts the next cycle only while the machine has a route
+    // out, which a loopback collector does not need.
+    std::size_t left = unacknowledgedCount();
+    for (;;) {
+        queue_.async([this, send] {
+            filePendingEvents();
+            if (send) reportEvents();
+        });
+        if (!drain(queue_, deadline)) {
+            ZUBProHelper::LogDebug("flush: report cycles still running at the time limit");
+            break;
+        }
+        const std::size_t now = unacknowledgedCount();
+        if (!send || now == 0 || now >= left) {
+            left = now;
+            break;
+        }
+        left = now;
     }
     if (!send) ZUBProHelper::LogDebug("flush: strategy %@ keeps events; nothing sent", strategy);
-    if (ZUBDeviceIDDal::getInstance().getMID().empty()) {
+    if (left > 0 && ZUBDeviceIDDal::getInstance().getMID().empty()) {
         ZUBProHelper::LogDebug("flush: no mid yet; events kept for a later run");
+    }
+    syncJournal();
+    return left == 0;
+}
+
+std::size_t ZUBEventLogic::unacknowledgedCount() {
+    std::size_t pending = 0;
+    {
+        std::lock_guard lock(pendingMutex_);
+        pending = pending_.size();
     }
     std::lock_guard lock(eventListLock_);
     ZUBEventDal& store = ZUBEventDal::getInstance();
-    return store.toReportEvents().empty() && store.retryEvents().empty() && sendingEvents_.empty();
+    const std::size_t onDisk = journal_ ? journal_->overflowCount() + parkedKeys_.size() : 0;
+    return pending + store.toReportEvents().size() + store.retryEvents().size() + onDisk;
 }

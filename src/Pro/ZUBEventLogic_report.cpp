@@ -49,6 +49,12 @@ void ZUBEventLogic::doReportEvents(EventList batch) {
         return;
     }
     queue_.async([this, batch = std::move(batch)] {
+        {
+            // A batch taken at start may go before the journal opened: open it now,
+            // so the reply settles the journal's entries of these events too.
+            std::lock_guard lock(eventListLock_);
+            journalReady();
+        }
         const zub::Data body = getRequestData(batch).value_or(zub::Data{});
         const std::string url = ZUBProConfig::getInstance().reportURL().value_or("");
         doAfReceiveData(ZUBHttp::getInstance().httpPost(body, kReportTimeLimit, url));
@@ -64,11 +70,16 @@ std::optional<zub::Data> ZUBEventLogic::getRequestData(const EventList& batch) {
         const std::size_t length = json ? utf16Length(*json) : 0;
         if (length >= maxLength && event->type() != 3) {
             // Too long to ever be accepted: dropped for good.
+            ZUBProHelper::LogDebug("[WARN]event %@ (type %@) dropped: its JSON has %@ UTF-16 units, the limit is "
+                                   "below %@",
+                                   event->md5().value_or("?"), event->type(), static_cast<std::uint64_t>(length),
+                                   maxLength);
             std::lock_guard lock(eventListLock_);
             if (event->md5()) {
                 ZUBEventDal& store = ZUBEventDal::getInstance();
                 store.toReportEvents().erase(*event->md5());
                 store.retryEvents().erase(*event->md5());
+                journalRetire(*event->md5());
             }
             continue;
         }
@@ -102,8 +113,11 @@ void ZUBEventLogic::doAfReceiveData(const std::optional<zub::Value>& reply) {
                     if (!event->md5()) continue;
                     store.toReportEvents().erase(*event->md5());
                     store.retryEvents().erase(*event->md5());
+                    journalRetire(*event->md5());
                 }
                 sendingEvents_.clear();
+                // The collector is reachable: a good moment to say what was dropped.
+                reportDrops();
             }
             ZUBOnlineConfig::getInstance().updateConfigs(*reply);
         } else {
@@ -111,6 +125,10 @@ void ZUBEventLogic::doAfReceiveData(const std::optional<zub::Value>& reply) {
         }
     }
 
+    {
+        std::lock_guard lock(eventListLock_);
+        refillFromJournal();
+    }
     isSendingCacheEvent_ = false;
     if (networkStatus() == 0) return;
     queue_.async([this] { reportEvents(); });
@@ -147,6 +165,10 @@ void ZUBEventLogic::handleReportFailed(const std::optional<zub::Value>& reply) {
             } else {
                 retry.set(key, event);
             }
+        }
+        if (event->retryNum() >= limit) {
+            ZUBProHelper::LogDebug("event %@ dropped after %@ failed attempts", key, event->retryNum());
+            journalRetire(key);
         }
     }
     sendingEvents_.clear();

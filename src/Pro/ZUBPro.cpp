@@ -31,8 +31,10 @@ void loadAndSendStoredEvents() {
 // Saves the store with every event tracked so far, including those still on
 // their way to the report queue.
 void saveStore() {
-    ZUBEventLogic::getInstance().filePendingEvents();
+    ZUBEventLogic& logic = ZUBEventLogic::getInstance();
+    logic.filePendingEvents();
     ZUBEventDal::getInstance().saveLogfile();
+    logic.syncJournal();
 }
 
 }  // namespace
@@ -46,6 +48,7 @@ void ZUBPro::startWithAppKey(const std::optional<std::string>& appKey) {
         online.loadAppConfig();
         online.updateReportStrategy();
         loadAndSendStoredEvents();
+        ZUBEventLogic::getInstance().startJournal();
         ZUBProMid::getInstance().reportMid();
         ZUBSessionEvent::getSessionID(true);
         zub::NotificationCenter::defaultCenter().post(ZUBProMainServiceStartNotification,

@@ -2,6 +2,7 @@
 // pipeline, against a loopback server that speaks the wire format.
 #include "Pro/ZUBEventLogic.h"
 
+#include "Common/Network/ZUBHttp.h"
 #include "Common/ZUBProConfig.h"
 #include "Common/ZUBProHelper.h"
 #include "Dal/ZUBDeviceIDDal.h"
@@ -12,6 +13,8 @@
 #include "support/ReportPipeline.h"
 
 #include <gtest/gtest.h>
+
+#include <set>
 
 using zubtest::LogCapture;
 using zubtest::ManualClock;
@@ -74,7 +77,7 @@ struct Fixture {
 
 }  // namespace
 
-TEST(ZUBEventLogic, FilingKeysEachEventOnceAndTheSameKeyReplaces) {
+TEST(ZUBEventLogic, FilingKeysEachEventOnceAndACollidingKeyGetsAFreshOne) {
     ManualClock clock;
     LogCapture log;
     ZUBProConfig::getInstance().setIsSmartReport(false);
@@ -90,21 +93,37 @@ TEST(ZUBEventLogic, FilingKeysEachEventOnceAndTheSameKeyReplaces) {
     EXPECT_EQ(key, ZUBProHelper::md5encrypt(text));
     ASSERT_TRUE(key && key->size() == 32);
 
+    // Two events whose keys coincide are both kept: the newcomer gets a fresh
+    // index and so a fresh key; so do events made in the same microsecond.
     auto fresh = std::make_shared<Quiet>();
     auto a = keyed("same-key"), b = keyed("same-key");
+    std::vector<EventPtr> twins;
+    for (int i = 0; i < 6; ++i) {
+        auto t = std::make_shared<Quiet>();
+        t->setSid(5);
+        t->setTs(1'700'000'000);
+        twins.push_back(t);
+    }
     logic.reportEvent(fresh);
     logic.reportEvents({a, nullptr, b});
+    logic.reportEvents(twins);
     ASSERT_TRUE(settlePipeline());
     ASSERT_TRUE(fresh->md5().has_value());
-    EXPECT_EQ(zubtest::waitingKeys(), (std::vector<std::string>{*fresh->md5(), "same-key"}));
+    const auto keys = zubtest::waitingKeys();
+    ASSERT_EQ(keys.size(), 9u);
+    EXPECT_EQ(std::set<std::string>(keys.begin(), keys.end()).size(), 9u);
+    EXPECT_EQ(keys[0], *fresh->md5());
+    EXPECT_EQ(keys[1], "same-key");
     {
         ZUBEventDal& store = ZUBEventDal::getInstance();
         std::lock_guard lock(store.eventListLock());
-        EXPECT_EQ(store.toReportEvents().get("same-key"), b);  // the later one replaced the earlier
+        EXPECT_EQ(store.toReportEvents().get("same-key"), a);  // the older one keeps its key
+        EXPECT_EQ(store.toReportEvents().get(*b->md5()), b);
     }
+    EXPECT_TRUE(log.contains("is taken; the newer event gets a fresh index"));
     // The strategy is checked once per call, not per event.
     const auto lines = log.lines();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "[ZUBDebug] cache events"), 2);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "[ZUBDebug] cache events"), 3);
 }
 
 TEST(ZUBEventLogic, BatchesTakeWaitingEventsFirstAndSkippedRetryEventsUseUpTheirPlace) {
@@ -238,4 +257,79 @@ TEST(ZUBEventLogic, AFailingReportEndpointCountsAnOrdinaryFailure) {
     EXPECT_FALSE(e->isWrongWifi());
     EXPECT_EQ(zubtest::retryKeys(), std::vector<std::string>{"lonely"});
     EXPECT_TRUE(f.server.requests().empty());
+}
+
+TEST(ZUBEventLogic, OnlyNetworkFailuresLeaveTheAttemptCountAlone) {
+    ManualClock clock;
+    ZUBEventLogic& logic = ZUBEventLogic::getInstance();
+    auto failure = [](std::int64_t code) {
+        zub::Value reply = zub::Value::object();
+        reply[responseErrorKey] = {{"code", code}, {"domain", "test"}};
+        return std::optional<zub::Value>(reply);
+    };
+    struct Case {
+        std::optional<zub::Value> reply;
+        bool network;
+    };
+    const std::vector<Case> cases{
+        {failure(-1009), true},  {failure(-1005), true}, {failure(-1004), true}, {failure(-1001), true},
+        {failure(306), true},    {failure(-1003), false}, {failure(-1), false},  {std::nullopt, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reply ? c.reply->dump() : "no reply");
+        auto waiting = keyed("w"), retrying = keyed("r", 0, 2);
+        putWaiting(waiting);
+        putRetry(retrying);
+        logic.setSendingEvents({waiting, retrying});
+        clock.advanceSeconds(10);
+        logic.handleReportFailed(c.reply);
+        const std::uint64_t now = zub::Clock::nowSeconds();
+        for (const auto& e : {waiting, retrying}) {
+            EXPECT_EQ(e->ts(), now);  // a failed event is stamped anew
+            EXPECT_EQ(e->isWrongWifi(), c.network);
+        }
+        if (c.network) {
+            // Marked and left where they were, counts unchanged.
+            EXPECT_EQ(waiting->retryNum(), 0);
+            EXPECT_EQ(retrying->retryNum(), 2);
+            EXPECT_EQ(waiting->lastReportTs(), now);
+            EXPECT_EQ(zubtest::waitingKeys(), std::vector<std::string>{"w"});
+            EXPECT_EQ(zubtest::retryKeys(), std::vector<std::string>{"r"});
+        } else {
+            // One more attempt each: the waiting one moves to retry, the third
+            // attempt of the other is its last.
+            EXPECT_EQ(waiting->retryNum(), 1);
+            EXPECT_EQ(retrying->retryNum(), 3);
+            EXPECT_TRUE(zubtest::waitingKeys().empty());
+            EXPECT_EQ(zubtest::retryKeys(), std::vector<std::string>{"w"});
+        }
+        EXPECT_TRUE(logic.sendingEvents().empty());
+        ZUBEventDal& store = ZUBEventDal::getInstance();
+        std::lock_guard lock(store.eventListLock());
+        store.toReportEvents().clear();
+        store.retryEvents().clear();
+    }
+}
+
+TEST(ZUBEventLogic, ABatchOfOnlyOverlongEventsPostsAnEmptyBodyAndThePipelineGoesOn) {
+    ManualClock clock;
+    Fixture f;
+    LogCapture log;
+    ZUBProConfig::getInstance().setMaxReportEventLength(16);
+    for (int i = 0; i < 3; ++i) putWaiting(keyed("long" + std::to_string(i)));
+    ZUBEventLogic::getInstance().reportEvents();
+    ASSERT_TRUE(settlePipeline());
+    const auto reports = f.server.reports();
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_TRUE(reports[0].text.empty());
+    EXPECT_TRUE(zubtest::waitingKeys().empty());  // dropped for good
+    EXPECT_TRUE(log.contains("dropped: its JSON has"));
+    EXPECT_FALSE(ZUBEventLogic::getInstance().isSendingCacheEvent());
+
+    // The next event of ordinary length goes out as usual.
+    ZUBProConfig::getInstance().setMaxReportEventLength(4096);
+    putWaiting(keyed("short"));
+    ZUBEventLogic::getInstance().reportEvents();
+    ASSERT_TRUE(settlePipeline());
+    EXPECT_EQ(f.batches().back(), std::vector<std::string>{"short"});
 }

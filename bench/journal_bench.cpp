@@ -1,0 +1,167 @@
+// The event journal's costs and limits on this machine:
+//   - BM_JournalAppend: filing one 3-pair custom event into the journal, on the
+//     report queue's thread (archive, frame, checksum, write);
+//   - BM_JournalRecovery100k: what a start pays to open a journal of 100,000
+//     unacknowledged events and bring the first 10,000 back into memory;
+//   - BM_OfflineMillion: 1,000,000 events tracked while the collector cannot be
+//     reached (no mid): resident memory growth (target < 32 MB), the journal's
+//     size against its budget, and, once the collector is back, delivered +
+//     dropped == tracked, with the drop count reported to the collector.
+// Every run works in a private temporary HOME.
+#include "Dal/ZUBEventJournal.h"
+#include "Common/ZUBProConfig.h"
+#include "Dal/ZUBDeviceIDDal.h"
+#include "Model/ZUBProCustomEvent.h"
+#include "Pro/ZUBEventLogic.h"
+#include "support/CollectorProcess.h"
+#include "support/ReportPipeline.h"
+#include "support/TempHome.h"
+
+#include <ZUBCocoa/ZUBDelivery.h>
+#include <ZUBCocoa/ZUBPro.h>
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+void home() {
+    static const bool installed = (zubtest::TempHome::install(), true);
+    (void)installed;
+}
+
+std::shared_ptr<ZUBProCustomEvent> customEvent(long n) {
+    auto e = std::make_shared<ZUBProCustomEvent>();
+    e->setType(1000);
+    e->setEventID(std::string("bench"));
+    e->setKvs({{"item", "book"}, {"price", 12}, {"n", n}});
+    e->setMd5("0123456789abcdef0123456789" + std::to_string(n));
+    e->setAppkey(std::string("bench-app"));
+    e->setTimeStr(std::string("4321"));
+    e->setSid(1'700'000'000);
+    e->setTs(1'700'000'000);
+    return e;
+}
+
+double residentBytes() {
+    std::ifstream statm("/proc/self/statm");
+    long pages = 0, resident = 0;
+    statm >> pages >> resident;
+    return static_cast<double>(resident) * 4096.0;
+}
+
+void BM_JournalAppend(benchmark::State& state) {
+    home();
+    const auto dir = zubtest::TempHome::makeDir("append-" + std::to_string(state.thread_index()));
+    ZUBEventJournal journal(dir, 64ull << 20, std::chrono::milliseconds(200));
+    std::vector<ZUBEventJournal::LiveEntry> live;
+    std::uint64_t drops = 0;
+    if (!journal.open(live, drops)) {
+        state.SkipWithError("journal did not open");
+        return;
+    }
+    auto event = customEvent(1);
+    ZUBEventJournal::Dropped dropped;
+    std::vector<std::uint64_t> seqs;
+    for (auto _ : state) {
+        auto seq = journal.append(*event, ZUBEventJournal::Place::Memory, dropped);
+        state.PauseTiming();
+        // Acknowledged at once, as on a working network: the journal stays small.
+        if (seq) seqs.push_back(*seq);
+        if (seqs.size() == 10) {
+            journal.retire(seqs);
+            seqs.clear();
+        }
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(BM_JournalAppend)->Repetitions(3)->ReportAggregatesOnly(true)->Unit(benchmark::kMicrosecond);
+
+void BM_JournalRecovery100k(benchmark::State& state) {
+    home();
+    const auto dir = zubtest::TempHome::makeDir("recovery");
+    {
+        ZUBEventJournal journal(dir, 256ull << 20, std::chrono::milliseconds(200));
+        std::vector<ZUBEventJournal::LiveEntry> live;
+        std::uint64_t drops = 0;
+        journal.open(live, drops);
+        ZUBEventJournal::Dropped dropped;
+        for (long i = 0; i < 100'000; ++i) journal.append(*customEvent(i), ZUBEventJournal::Place::Overflow, dropped);
+        journal.sync();
+    }
+    double onDisk = 0;
+    for (const auto& f : std::filesystem::directory_iterator(dir)) onDisk += static_cast<double>(f.file_size());
+    for (auto _ : state) {
+        ZUBEventJournal journal(dir, 256ull << 20, std::chrono::milliseconds(200));
+        std::vector<ZUBEventJournal::LiveEntry> live;
+        std::uint64_t drops = 0;
+        journal.open(live, drops);
+        for (const auto& e : live) journal.setPlace(e.seq, ZUBEventJournal::Place::Overflow);
+        for (int i = 0; i < 10'000; ++i) benchmark::DoNotOptimize(journal.takeOverflow());
+        state.counters["live"] = static_cast<double>(live.size());
+    }
+    state.counters["journal_MB"] = onDisk / 1e6;
+}
+BENCHMARK(BM_JournalRecovery100k)->Iterations(3)->Unit(benchmark::kMillisecond);
+
+void BM_OfflineMillion(benchmark::State& state) {
+    home();
+    const long events = state.range(0);
+    zubtest::CollectorProcess collector({"--quiet"});
+    if (!collector.start()) {
+        state.SkipWithError("the collector did not start");
+        return;
+    }
+    ZUBProConfig::getInstance().setReportURL(collector.url("/mstat/report"));
+    ZUBProConfig::getInstance().setMidURL(collector.url("/?t=ios&ver=2.0"));
+    ZUBPro::setSmartReport(false);
+    ZUBPro::setReportStrategy(1);
+    for (auto _ : state) {
+        // No mid: nothing can be sent, everything waits.
+        ZUBDeviceIDDal::getInstance().saveMID("");
+        const double before = residentBytes();
+        const auto t0 = Clock::now();
+        for (long i = 0; i < events; ++i) ZUBPro::trackCustomEvent("j", {{"id", i}, {"item", "book"}, {"price", 12}});
+        zubtest::settlePipeline();
+        const double tracked = std::chrono::duration<double>(Clock::now() - t0).count();
+        const double growth = residentBytes() - before;
+        const std::uint64_t dropped = zub::droppedEventCount();
+        std::uint64_t journalBytes = 0;
+        const auto dir = std::filesystem::path(zubtest::TempHome::path());
+        for (const auto& f : std::filesystem::recursive_directory_iterator(dir)) {
+            if (f.path().extension() == ".zjl") journalBytes += f.file_size();
+        }
+        // The collector is back: register and deliver.
+        ZUBPro::startWithAppKey("bench-app");
+        const auto t1 = Clock::now();
+        const bool flushed = zub::flush(std::chrono::minutes(10));
+        const double delivering = std::chrono::duration<double>(Clock::now() - t1).count();
+        double delivered = 0, reportedDrops = 0;
+        for (const auto& row : collector.storedEvents({"--type", "1000"})) {
+            const auto& e = row["event"];
+            const std::string id = e.value("ei", std::string());
+            if (id == "j") delivered += 1;
+            if (id == kZUBDroppedEventsID) reportedDrops += e["kv"]["count"].get<double>();
+        }
+        state.counters["rss_growth_MB"] = growth / 1e6;
+        state.counters["journal_MB"] = static_cast<double>(journalBytes) / 1e6;
+        state.counters["budget_MB"] = static_cast<double>(zub::deliveryLimits().journalBudgetBytes) / 1e6;
+        state.counters["dropped"] = static_cast<double>(dropped);
+        state.counters["reported_drops"] = reportedDrops;
+        state.counters["delivered"] = delivered;
+        state.counters["lost_unaccounted"] = static_cast<double>(events) - delivered - static_cast<double>(dropped);
+        state.counters["track_s"] = tracked;
+        state.counters["deliver_s"] = delivering;
+        state.counters["flushed"] = flushed ? 1 : 0;
+    }
+}
+BENCHMARK(BM_OfflineMillion)->Arg(1'000'000)->Iterations(1)->Unit(benchmark::kSecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,191 @@
+// The event journal's files: what survives a reopen, damage, the budget and
+// compaction. Real files in the test's temporary HOME.
+#include "Dal/ZUBEventJournal.h"
+
+#include "Model/ZUBProCustomEvent.h"
+#include "support/LogCapture.h"
+#include "support/TempHome.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace fs = std::filesystem;
+using Place = ZUBEventJournal::Place;
+
+namespace {
+
+std::shared_ptr<ZUBProCustomEvent> event(int n, std::size_t padding = 0) {
+    auto e = std::make_shared<ZUBProCustomEvent>();
+    e->setType(1000);
+    e->setEventID(std::string("journalled"));
+    e->setKvs({{"n", n}, {"pad", std::string(padding, 'x')}});
+    e->setMd5("key-" + std::to_string(n));
+    e->setAppkey(std::string("app"));
+    e->setTimeStr(std::string("1234"));
+    e->setSid(7);
+    e->setTs(1'700'000'000 + static_cast<std::uint64_t>(n));
+    return e;
+}
+
+std::vector<std::string> keysOf(const std::vector<ZUBEventJournal::LiveEntry>& live) {
+    std::vector<std::string> keys;
+    for (const auto& e : live) keys.push_back(e.md5);
+    return keys;
+}
+
+std::vector<fs::path> segments(const fs::path& dir) {
+    std::vector<fs::path> out;
+    for (const auto& e : fs::directory_iterator(dir)) out.push_back(e.path());
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+constexpr std::chrono::milliseconds kSync{50};
+
+}  // namespace
+
+TEST(ZUBEventJournal, ReopeningBringsBackExactlyWhatWasNotRetiredAndDamageCostsOnlyTheDamagedRecords) {
+    zubtest::LogCapture log;
+    const fs::path dir = zubtest::TempHome::makeDir("journal");
+    {
+        ZUBEventJournal journal(dir, 1 << 20, kSync);
+        std::vector<ZUBEventJournal::LiveEntry> live;
+        std::uint64_t drops = 99;
+        ASSERT_TRUE(journal.open(live, drops));
+        EXPECT_TRUE(live.empty());
+        EXPECT_EQ(drops, 0u);
+        std::vector<std::uint64_t> seqs;
+        ZUBEventJournal::Dropped dropped;
+        for (int i = 0; i < 6; ++i) seqs.push_back(*journal.append(*event(i), Place::Memory, dropped));
+        journal.retire({seqs[1], seqs[4]});
+        journal.recordDrops(5);
+        EXPECT_EQ(journal.liveCount(), 4u);
+        EXPECT_EQ(dropped.count, 0u);
+    }
+    std::uint64_t drops = 0;
+    {
+        ZUBEventJournal journal(dir, 1 << 20, kSync);
+        std::vector<ZUBEventJournal::LiveEntry> live;
+        ASSERT_TRUE(journal.open(live, drops));
+        EXPECT_EQ(keysOf(live), (std::vector<std::string>{"key-0", "key-2", "key-3", "key-5"}));
+        EXPECT_EQ(drops, 5u);
+        // An event read back is the event as it was filed, with what its archive leaves out.
+        journal.setPlace(live[1].seq, Place::Overflow);
+        auto back = journal.takeOverflow();
+        ASSERT_TRUE(back);
+        auto custom = std::dynamic_pointer_cast<ZUBProCustomEvent>(back->event);
+        ASSERT_TRUE(custom);
+        EXPECT_EQ(custom->md5(), "key-2");
+        EXPECT_EQ(custom->appkey(), "app");
+        EXPECT_EQ(custom->timeStr(), "1234");
+        EXPECT_EQ(custom->kvs()["n"], 2);
+        EXPECT_EQ(custom->ts(), 1'700'000'002u);
+        EXPECT_EQ(custom->retryNum(), 0);
+        EXPECT_FALSE(journal.takeOverflow());
+    }
+
+    // Damage: a flipped byte in the second record, a torn last record, and a
+    // file with a segment's name that is not one.
+    auto files = segments(dir);
+    ASSERT_FALSE(files.empty());
+    fs::path full;
+    for (const auto& f : files) {
+        if (fs::file_size(f) > 100) full = f;
+    }
+    ASSERT_FALSE(full.empty());
+    std::string bytes;
+    {
+        std::ifstream in(full, std::ios::binary);
+        bytes.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    auto recordAt = [&](int index) {
+        std::size_t offset = 8;
+        for (int i = 0; i < index; ++i) {
+            offset += 9 + (static_cast<unsigned char>(bytes[offset]) |
+                           static_cast<unsigned char>(bytes[offset + 1]) << 8);
+        }
+        return offset;
+    };
+    bytes[recordAt(2) + 20] ^= 0x5A;  // inside the payload of key-2's record
+    bytes.resize(bytes.size() - 3);   // the last record (the drop count) cut short
+    {
+        std::ofstream out(full, std::ios::binary | std::ios::trunc);
+        out << bytes;
+    }
+    std::ofstream(dir / "00000000000000ff.zjl") << "not a journal";
+
+    ZUBEventJournal journal(dir, 1 << 20, kSync);
+    std::vector<ZUBEventJournal::LiveEntry> live;
+    ASSERT_TRUE(journal.open(live, drops));
+    // The record with a bad checksum is skipped, not trusted; the rest is whole.
+    EXPECT_EQ(keysOf(live), (std::vector<std::string>{"key-0", "key-3", "key-5"}));
+    EXPECT_EQ(drops, 0u);
+    EXPECT_TRUE(log.contains("damaged records skipped"));
+    EXPECT_TRUE(log.contains("torn tail"));
+    EXPECT_TRUE(log.contains("not a journal segment"));
+    EXPECT_FALSE(fs::exists(dir / "00000000000000ff.zjl"));
+    EXPECT_LT(fs::file_size(full), bytes.size());  // the torn tail was cut
+}
+
+TEST(ZUBEventJournal, AFullBudgetDropsTheOldestEventsAndCountsThem) {
+    const fs::path dir = zubtest::TempHome::makeDir("budget");
+    const std::uint64_t budget = 256 * 1024;  // four segments of the smallest size
+    ZUBEventJournal journal(dir, budget, kSync);
+    std::vector<ZUBEventJournal::LiveEntry> live;
+    std::uint64_t drops = 0;
+    ASSERT_TRUE(journal.open(live, drops));
+
+    const int total = 3000;
+    std::uint64_t droppedCount = 0;
+    std::vector<std::uint64_t> droppedInMemory;
+    for (int i = 0; i < total; ++i) {
+        ZUBEventJournal::Dropped dropped;
+        // The first ten are held in memory, the rest wait on disk only.
+        ASSERT_TRUE(journal.append(*event(i, 200), i < 10 ? Place::Memory : Place::Overflow, dropped));
+        droppedCount += dropped.count;
+        droppedInMemory.insert(droppedInMemory.end(), dropped.inMemory.begin(), dropped.inMemory.end());
+        ASSERT_LE(journal.diskBytes(), budget);
+    }
+    ASSERT_GT(droppedCount, 0u);
+    EXPECT_EQ(journal.liveCount() + droppedCount, static_cast<std::size_t>(total));
+    // The oldest went first, the ones held in memory among them.
+    EXPECT_EQ(droppedInMemory.size(), 10u);
+    auto first = journal.takeOverflow();
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->event->md5(), "key-" + std::to_string(droppedCount));
+    std::uint64_t onDisk = 0;
+    for (const auto& f : segments(dir)) onDisk += fs::file_size(f);
+    EXPECT_EQ(onDisk, journal.diskBytes());
+}
+
+TEST(ZUBEventJournal, RetiredSegmentsAreReleasedAndAnOldSurvivorIsCopiedForward) {
+    const fs::path dir = zubtest::TempHome::makeDir("compact");
+    const std::uint64_t budget = 16 * 64 * 1024;  // segments of 64 KiB
+    {
+        ZUBEventJournal journal(dir, budget, kSync);
+        std::vector<ZUBEventJournal::LiveEntry> live;
+        std::uint64_t drops = 0;
+        ASSERT_TRUE(journal.open(live, drops));
+        ZUBEventJournal::Dropped dropped;
+        const auto survivor = journal.append(*event(-1, 100), Place::Memory, dropped);
+        ASSERT_TRUE(survivor);
+        // Many events come and go while the first one waits.
+        for (int i = 0; i < 4000; ++i) {
+            auto seq = journal.append(*event(i, 100), Place::Memory, dropped);
+            ASSERT_TRUE(seq);
+            journal.retire({*seq});
+        }
+        EXPECT_EQ(dropped.count, 0u);
+        EXPECT_EQ(journal.liveCount(), 1u);
+        EXPECT_LE(segments(dir).size(), 6u);
+        EXPECT_LT(journal.diskBytes(), 6u * 64 * 1024);
+        EXPECT_TRUE(journal.sync());
+    }
+    ZUBEventJournal journal(dir, budget, kSync);
+    std::vector<ZUBEventJournal::LiveEntry> live;
+    std::uint64_t drops = 0;
+    ASSERT_TRUE(journal.open(live, drops));
+    EXPECT_EQ(keysOf(live), std::vector<std::string>{"key--1"});
+}

@@ -1,0 +1,204 @@
+// The event journal end to end: bounded memory, the disk budget and its drop
+// report, and what comes back after a kill or a terminate with the collector
+// down. In-process against a wire-speaking loopback server, and across processes
+// against the real collector.
+#include "Common/ZUBProConfig.h"
+#include "Dal/ZUBDeviceIDDal.h"
+#include "Pro/ZUBEventLogic.h"
+#include "support/ChildProcess.h"
+#include "support/CollectorProcess.h"
+#include "support/ReportPipeline.h"
+
+#include <ZUBCocoa/ZUBDelivery.h>
+#include <ZUBCocoa/ZUBPro.h>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <map>
+#include <numeric>
+#include <random>
+
+using zubtest::ChildProcess;
+using zubtest::CollectorProcess;
+
+namespace {
+
+// The "id" arguments of the custom events "j" in the reports a wire server got,
+// and the counts of the dropped-events reports.
+struct Delivered {
+    std::vector<long> ids;
+    std::vector<std::uint64_t> dropReports;
+};
+
+Delivered delivered(const zubtest::WireServer& server) {
+    Delivered out;
+    for (const auto& report : server.reports()) {
+        if (!report.json || !report.json->is_array()) continue;
+        for (const auto& e : *report.json) {
+            const std::string id = e.value("ei", std::string());
+            if (id == "j") out.ids.push_back(e["kv"]["id"].get<long>());
+            if (id == kZUBDroppedEventsID) out.dropReports.push_back(e["kv"]["count"].get<std::uint64_t>());
+        }
+    }
+    return out;
+}
+
+void trackNumbered(long count, std::size_t padding = 0) {
+    for (long id = 0; id < count; ++id) ZUBPro::trackCustomEvent("j", {{"id", id}, {"pad", std::string(padding, 'p')}});
+}
+
+// Points the library at the server and keeps it from sending until a mid is stored.
+void offline(zubtest::WireServer& server) {
+    server.start();
+    ZUBProConfig::getInstance().setReportURL(server.url("/mstat/report"));
+    ZUBPro::setSmartReport(false);
+    ZUBPro::setReportStrategy(1);
+    ZUBDeviceIDDal::getInstance().saveMID("");
+}
+
+std::string helper() {
+    return std::string(ZUB_TEST_BIN_DIR) + "/journal_helper";
+}
+
+// Counts the "id" arguments of the custom events "j" the collector stored.
+std::map<long, int> storedIds(CollectorProcess& collector) {
+    std::map<long, int> counts;
+    for (const auto& row : collector.storedEvents({"--type", "1000"})) {
+        const auto& event = row["event"];
+        if (event.value("ei", std::string()) == "j") ++counts[event["kv"]["id"].get<long>()];
+    }
+    return counts;
+}
+
+std::vector<std::string> deliver(const CollectorProcess& collector) {
+    ChildProcess child({helper(), "deliver", collector.url("/mstat/report"), collector.url("/?t=ios&ver=2.0")});
+    std::vector<std::string> lines;
+    while (auto line = child.readLine(std::chrono::minutes(5))) lines.push_back(*line);
+    lines.push_back("exit " + std::to_string(child.wait()));
+    return lines;
+}
+
+}  // namespace
+
+TEST(EventJournal, MemoryHoldsALimitedNumberAndTheRestGoesOutOldestFirstFromDisk) {
+    zubtest::WireServer server;
+    offline(server);
+    zub::DeliveryLimits limits;
+    limits.maxEventsInMemory = 20;
+    zub::setDeliveryLimits(limits);
+
+    trackNumbered(300);
+    ASSERT_TRUE(zubtest::settlePipeline());
+    // 300 events and the session event the first of them opened.
+    EXPECT_EQ(zubtest::waitingKeys().size(), 20u);
+    EXPECT_EQ(ZUBEventLogic::getInstance().journalBacklog(), 281u);
+    EXPECT_TRUE(server.reports().empty());
+
+    ZUBDeviceIDDal::getInstance().saveMID("mid-journal");
+    EXPECT_TRUE(zub::flush(std::chrono::minutes(2)));
+    std::vector<long> expected(300);
+    std::iota(expected.begin(), expected.end(), 0);
+    EXPECT_EQ(delivered(server).ids, expected);  // each once, oldest first
+    EXPECT_EQ(ZUBEventLogic::getInstance().unacknowledgedCount(), 0u);
+}
+
+TEST(EventJournal, AFullBudgetDropsTheOldestAndTheCollectorIsToldHowMany) {
+    zubtest::WireServer server;
+    offline(server);
+    zub::DeliveryLimits limits;
+    limits.maxEventsInMemory = 50;
+    limits.journalBudgetBytes = 256 * 1024;
+    zub::setDeliveryLimits(limits);
+
+    const long tracked = 4000;
+    trackNumbered(tracked, 100);
+    ASSERT_TRUE(zubtest::settlePipeline());
+    const std::uint64_t dropped = zub::droppedEventCount();
+    ASSERT_GT(dropped, 0u);
+
+    ZUBDeviceIDDal::getInstance().saveMID("mid-journal");
+    EXPECT_TRUE(zub::flush(std::chrono::minutes(2)));
+    const Delivered got = delivered(server);
+    // The newest survive, each once; the oldest were dropped and counted: the
+    // session event the first of them opened, then events 0 to dropped - 2.
+    std::vector<long> expected(static_cast<std::size_t>(tracked) - dropped + 1);
+    std::iota(expected.begin(), expected.end(), static_cast<long>(dropped) - 1);
+    EXPECT_EQ(got.ids, expected);
+    ASSERT_EQ(got.dropReports.size(), 1u);
+    EXPECT_EQ(got.dropReports[0], dropped);
+}
+
+TEST(EventJournal, AKillWhileTrackingLosesNothingFiledAndNothingArrivesTwice) {
+    if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector";
+    CollectorProcess collector;
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    const char* env = std::getenv("ZUB_KILL_ROUNDS");
+    const int rounds = env != nullptr ? std::atoi(env) : 12;
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    constexpr long kRound = 1'000'000;
+    std::map<int, long> durableUpTo;
+    for (int round = 0; round < rounds; ++round) {
+        ChildProcess child({helper(), "track", collector.url("/mstat/report"), collector.url("/?t=ios&ver=2.0"),
+                            std::to_string(round * kRound), "40", "25"});
+        ASSERT_TRUE(child.started());
+        // Kill after a random number of bursts the child has seen filed: the
+        // kill falls while it tracks the next one.
+        const int bursts = std::uniform_int_distribution<int>(1, 20)(random);
+        long durable = -1;
+        for (int seen = 0; seen < bursts;) {
+            auto line = child.readLine(std::chrono::minutes(2));
+            ASSERT_TRUE(line) << "round " << round << ": the child stopped talking";
+            if (line->rfind("durable ", 0) == 0) {
+                durable = std::stol(line->substr(8));
+                ++seen;
+            }
+        }
+        ::kill(child.pid(), SIGKILL);
+        EXPECT_EQ(child.wait(), 128 + SIGKILL);
+        durableUpTo[round] = durable;
+        const auto lines = deliver(collector);
+        ASSERT_EQ(lines.back(), "exit 0");
+        EXPECT_EQ(lines.front(), "flushed 1") << "round " << round;
+    }
+    const auto counts = storedIds(collector);
+    for (const auto& [id, n] : counts) EXPECT_EQ(n, 1) << "event " << id << " arrived " << n << " times";
+    for (const auto& [round, last] : durableUpTo) {
+        for (long id = round * kRound; id <= last; ++id) {
+            ASSERT_EQ(counts.count(id), 1u) << "event " << id << " was filed before the kill and never arrived";
+        }
+    }
+}
+
+TEST(EventJournal, EventsPendingAtTerminateWithTheCollectorDownAllArriveAtTheNextLaunch) {
+    if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector";
+    const char* env = std::getenv("ZUB_TERMINATE_EVENTS");
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const long fallback = 20'000;  // the sanitised build is several times slower
+#else
+    const long fallback = 100'000;
+#endif
+    const long events = env != nullptr ? std::atol(env) : fallback;
+    CollectorProcess collector;
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    {
+        // Nobody listens on the collector's port yet: a second collector is not
+        // started, and port 1 on loopback refuses.
+        ChildProcess child({helper(), "terminate", "http://127.0.0.1:1/mstat/report", "http://127.0.0.1:1/?t=ios&ver=2.0",
+                            std::to_string(events)});
+        auto line = child.readLine(std::chrono::minutes(5));
+        ASSERT_TRUE(line);
+        EXPECT_EQ(*line, "terminated");
+        EXPECT_EQ(child.wait(), 0);
+    }
+    const auto lines = deliver(collector);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0], "flushed 1");
+    EXPECT_EQ(lines[1], "left 0");
+    const auto counts = storedIds(collector);
+    EXPECT_EQ(counts.size(), static_cast<std::size_t>(events));
+    for (const auto& [id, n] : counts) ASSERT_EQ(n, 1) << "event " << id;
+}
