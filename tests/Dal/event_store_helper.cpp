@@ -1,8 +1,6 @@
 // Drives the event store from a separate process, with the HOME of the test:
 //   event_store_helper save <waiting> <retry> <tag>   files events, saves the log files
 //   event_store_helper load                           loads them, prints "<dict> <md5> <eventID>" lines
-//   event_store_helper churn                          saves ever-changing contents until killed
-//                                                     (says "ready" after the first save)
 #include "Dal/ZUBEventDal.h"
 #include "Model/ZUBProCustomEvent.h"
 
@@ -54,18 +52,6 @@ int main(int argc, char** argv) {
             std::printf("r %s %s\n", key.c_str(), custom ? custom->eventID().value_or("-").c_str() : "?");
         }
         return 0;
-    }
-    if (command == "churn") {
-        for (int round = 0;; ++round) {
-            std::lock_guard lock(store.eventListLock());
-            store.toReportEvents().clear();
-            fill(store.toReportEvents(), "churn" + std::to_string(round), 50 + round % 50);
-            store.saveLogfile();
-            if (round == 0) {
-                std::printf("ready\n");  // a first file exists from here on
-                std::fflush(stdout);
-            }
-        }
     }
     return 2;
 }
