@@ -6,7 +6,10 @@
 //   - BM_OfflineMillion: 1,000,000 events tracked while the collector cannot be
 //     reached (no mid): resident memory growth (target < 32 MB), the journal's
 //     size against its budget, and, once the collector is back, delivered +
-//     dropped == tracked, with the drop count reported to the collector.
+//     dropped == tracked, with the drop count reported to the collector;
+//   - BM_FourThreadsExactlyOnce: 1,000,000 custom events from 4 threads with
+//     strategy 1 against the collector: every one stored exactly once (counted by
+//     its unique argument in the collector's database), and the rate.
 // Every run works in a private temporary HOME.
 #include "Dal/ZUBEventJournal.h"
 #include "Common/ZUBProConfig.h"
@@ -24,7 +27,9 @@
 
 #include <chrono>
 #include <filesystem>
+#include <cstdio>
 #include <fstream>
+#include <thread>
 
 namespace {
 
@@ -53,6 +58,16 @@ double residentBytes() {
     long pages = 0, resident = 0;
     statm >> pages >> resident;
     return static_cast<double>(resident) * 4096.0;
+}
+
+// Starts the collector and points the library at it, strategy 1, smart reporting off.
+bool useCollector(zubtest::CollectorProcess& collector) {
+    if (!collector.start()) return false;
+    ZUBProConfig::getInstance().setReportURL(collector.url("/mstat/report"));
+    ZUBProConfig::getInstance().setMidURL(collector.url("/?t=ios&ver=2.0"));
+    ZUBPro::setSmartReport(false);
+    ZUBPro::setReportStrategy(1);
+    return true;
 }
 
 void BM_JournalAppend(benchmark::State& state) {
@@ -113,14 +128,10 @@ void BM_OfflineMillion(benchmark::State& state) {
     home();
     const long events = state.range(0);
     zubtest::CollectorProcess collector({"--quiet"});
-    if (!collector.start()) {
+    if (!useCollector(collector)) {
         state.SkipWithError("the collector did not start");
         return;
     }
-    ZUBProConfig::getInstance().setReportURL(collector.url("/mstat/report"));
-    ZUBProConfig::getInstance().setMidURL(collector.url("/?t=ios&ver=2.0"));
-    ZUBPro::setSmartReport(false);
-    ZUBPro::setReportStrategy(1);
     for (auto _ : state) {
         // No mid: nothing can be sent, everything waits.
         ZUBDeviceIDDal::getInstance().saveMID("");
@@ -160,6 +171,52 @@ void BM_OfflineMillion(benchmark::State& state) {
         state.counters["flushed"] = flushed ? 1 : 0;
     }
 }
+// Counts rows and distinct "id" arguments of the custom events `name` in the
+// collector's database, with the sqlite3 shell.
+std::pair<double, double> countInDatabase(const std::filesystem::path& db, const std::string& name) {
+    const std::string sql = "SELECT COUNT(*), COUNT(DISTINCT json_extract(body, '$.kv.id')) FROM events WHERE et = 1000 "
+                            "AND json_extract(body, '$.ei') = '" + name + "';";
+    const std::string command = "sqlite3 -readonly -separator ' ' '" + db.string() + "' \"" + sql + "\"";
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) return {-1, -1};
+    double rows = -1, distinct = -1;
+    if (std::fscanf(pipe, "%lf %lf", &rows, &distinct) != 2) rows = distinct = -1;
+    ::pclose(pipe);
+    return {rows, distinct};
+}
+
+void BM_FourThreadsExactlyOnce(benchmark::State& state) {
+    home();
+    const long events = state.range(0);
+    zubtest::CollectorProcess collector({"--quiet"});
+    if (!useCollector(collector)) {
+        state.SkipWithError("the collector did not start");
+        return;
+    }
+    ZUBPro::startWithAppKey("bench-app");
+    zub::flush(std::chrono::seconds(30));
+    for (auto _ : state) {
+        const auto t0 = Clock::now();
+        std::vector<std::thread> threads;
+        for (long t = 0; t < 4; ++t) {
+            threads.emplace_back([t, events] {
+                for (long i = t; i < events; i += 4) ZUBPro::trackCustomEvent("m", {{"id", i}, {"thread", t}});
+            });
+        }
+        for (auto& thread : threads) thread.join();
+        const bool flushed = zub::flush(std::chrono::minutes(10));
+        const double seconds = std::chrono::duration<double>(Clock::now() - t0).count();
+        const auto [rows, distinct] = countInDatabase(collector.db(), "m");
+        state.counters["events_per_s"] = static_cast<double>(events) / seconds;
+        state.counters["stored_rows"] = rows;
+        state.counters["distinct_ids"] = distinct;
+        state.counters["lost"] = static_cast<double>(events) - distinct;
+        state.counters["doubled"] = rows - distinct;
+        state.counters["flushed"] = flushed ? 1 : 0;
+    }
+}
+BENCHMARK(BM_FourThreadsExactlyOnce)->Arg(1'000'000)->Iterations(1)->Unit(benchmark::kSecond);
+
 BENCHMARK(BM_OfflineMillion)->Arg(1'000'000)->Iterations(1)->Unit(benchmark::kSecond);
 
 }  // namespace
