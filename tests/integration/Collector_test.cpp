@@ -610,11 +610,9 @@ TEST(CollectorCommandLine, APortInUseIsRefused) {
     EXPECT_NE(second.failure().find("exit code 1"), std::string::npos) << second.failure();
     EXPECT_FALSE(std::filesystem::exists(second.db()));  // refused before its database was touched
 
-    // The first one still takes every batch.
-    for (int i = 0; i < 4; ++i) {
-        const auto reply = postThroughLibrary(zub::Value::array({event("app-A", "mid-1", 4, 1, 1700000000 + i, i)}),
-                                              first.url("/mstat/report"));
-        ASSERT_TRUE(reply && (*reply)["ret"] == 0);
-    }
-    EXPECT_EQ(first.storedEvents().size(), 4u);
+    // The first one still takes what is sent to the port.
+    const auto reply = postThroughLibrary(zub::Value::array({event("app-A", "mid-1", 4, 1, 1700000000, 1)}),
+                                          first.url("/mstat/report"));
+    ASSERT_TRUE(reply && (*reply)["ret"] == 0);
+    EXPECT_EQ(first.storedEvents().size(), 1u);
 }

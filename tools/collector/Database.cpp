@@ -171,9 +171,9 @@ std::unique_ptr<Database> Database::open(const std::string& path, Mode mode, std
         int rc = firstRead(db);
         if ((rc == SQLITE_READONLY_DIRECTORY || rc == SQLITE_READONLY_CANTINIT) && !hasWriteAheadLog(path)) {
             // A database left in WAL mode with no log beside it, in a directory where
-            // the index of a log cannot be made. All it holds is in the file, and a
-            // writer, which needs to make that log, cannot start there: the file is
-            // read as an unchanging one.
+            // the log's shared index (-shm) cannot be made. All it holds is in the
+            // file, and a writer, which has to make those files, cannot start there:
+            // the file is read as an unchanging one.
             sqlite3_close(db);
             db = openHandle(fileUri(path, "mode=ro&immutable=1"), SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, error);
             if (!db) return error = failed + error, nullptr;
