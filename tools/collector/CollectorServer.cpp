@@ -1,7 +1,14 @@
 #include "CollectorServer.h"
 
+#include "SystemError.h"
+
 #include "Common/Network/ZUBWireCodec.h"
 
+#include <netdb.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cstdio>
@@ -45,6 +52,37 @@ void answerAndClose(httplib::Response& res) {
                              });
 }
 
+// Why the address cannot be listened on: binds a socket of our own the way the
+// server does and reports the system's reason.
+std::string bindFailure(const std::string& address, int port) {
+    const std::string where = address + ":" + std::to_string(port);
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE;
+    addrinfo* found = nullptr;
+    const std::string service = std::to_string(port);
+    if (const int rc = ::getaddrinfo(address.c_str(), service.c_str(), &hints, &found); rc != 0) {
+        return "cannot listen on " + where + ": " + ::gai_strerror(rc);
+    }
+    std::string reason = "the address cannot be bound";
+    const int fd = ::socket(found->ai_family, found->ai_socktype, found->ai_protocol);
+    if (fd < 0) {
+        reason = systemErrorText(errno);
+    } else {
+        int yes = 1;
+        ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        if (::bind(fd, found->ai_addr, found->ai_addrlen) != 0) {
+            const int error = errno;
+            reason = systemErrorText(error);
+            if (error == EADDRINUSE) reason += " (is another collector running there?)";
+        }
+        ::close(fd);
+    }
+    ::freeaddrinfo(found);
+    return "cannot listen on " + where + ": " + reason;
+}
+
 }  // namespace
 
 void RequestLog::write(const std::string& line) {
@@ -84,13 +122,20 @@ struct CollectorServer::Entry {
     }
 };
 
-CollectorServer::CollectorServer(const ServeOptions& options, EventStore& store, const OnlineConfig& config,
-                                 RequestLog& log)
-    : options_(options), store_(store), config_(config), log_(log), faultsLeft_(options.faults.count) {
+CollectorServer::CollectorServer(const ServeOptions& options, const OnlineConfig& config, RequestLog& log)
+    : options_(options), config_(config), log_(log), faultsLeft_(options.faults.count) {
     limits_.maxPlainBytes = options.maxPlainBytes;
     const std::size_t threads = options.threads;
     server_.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
     server_.set_tcp_nodelay(true);
+    // The HTTP library's default options add SO_REUSEPORT, with which a second
+    // server on a port in use would listen beside the first and take a share of its
+    // connections (and events). Only SO_REUSEADDR is kept, so that a restart need
+    // not wait for the previous run's connections to time out.
+    server_.set_socket_options([](socket_t sock) {
+        int yes = 1;
+        ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     server_.set_keep_alive_max_count(1000);
     server_.set_keep_alive_timeout(options.keepAliveSeconds);
     server_.set_read_timeout(10);
@@ -134,12 +179,17 @@ CollectorServer::CollectorServer(const ServeOptions& options, EventStore& store,
     });
 }
 
-int CollectorServer::bind() {
-    if (options_.port == 0) return server_.bind_to_any_port(options_.address);
-    return server_.bind_to_port(options_.address, options_.port) ? options_.port : -1;
+int CollectorServer::bind(std::string& error) {
+    const int port = options_.port == 0 ? server_.bind_to_any_port(options_.address)
+                                        : (server_.bind_to_port(options_.address, options_.port) ? options_.port : -1);
+    if (port <= 0) error = bindFailure(options_.address, options_.port);
+    return port;
 }
 
-bool CollectorServer::run() { return server_.listen_after_bind(); }
+bool CollectorServer::run(EventStore& store) {
+    store_ = &store;  // the request threads start inside listen_after_bind(), after this
+    return server_.listen_after_bind();
+}
 
 void CollectorServer::stop() { server_.stop(); }
 
@@ -268,7 +318,7 @@ void CollectorServer::handleReport(const httplib::Request& req, zub::Data body, 
     zub::Value answer = zub::Value::object();
     answer["ret"] = kRetOk;
     if (!batch.events.empty()) {
-        const StoreOutcome outcome = store_.storeBatch(batch.events, config_.sdkVersion(), config_.appVersion());
+        const StoreOutcome outcome = store_->storeBatch(batch.events, config_.sdkVersion(), config_.appVersion());
         if (!outcome.ok) {
             replyError(res, entry, kRetStorage, outcome.error);
             return;
@@ -291,7 +341,7 @@ void CollectorServer::handleMid(const httplib::Request& req, zub::Data body, htt
         replyError(res, entry, request.error->ret, request.error->message);
         return;
     }
-    const MidOutcome outcome = store_.registerDevice(request);
+    const MidOutcome outcome = store_->registerDevice(request);
     if (!outcome.ok) {
         replyError(res, entry, kRetStorage, outcome.error);
         return;

@@ -40,14 +40,17 @@ private:
 
 class CollectorServer {
 public:
-    CollectorServer(const ServeOptions& options, EventStore& store, const OnlineConfig& config, RequestLog& log);
+    CollectorServer(const ServeOptions& options, const OnlineConfig& config, RequestLog& log);
     CollectorServer(const CollectorServer&) = delete;
     CollectorServer& operator=(const CollectorServer&) = delete;
 
-    /// Binds the address and port (0 picks a free port); the bound port, or -1.
-    int bind();
-    /// Serves until stop(); returns false when serving could not start.
-    bool run();
+    /// Binds the address and port (0 picks a free port); the bound port, or -1 and
+    /// the reason in `error`. A port another socket listens on is refused.
+    int bind(std::string& error);
+    /// Serves until stop(), storing into `store`; returns false when serving could
+    /// not start. The port is bound first, so that a port in use is refused before
+    /// the database is touched.
+    bool run(EventStore& store);
     /// Stops accepting and ends run() once the requests in progress are answered.
     /// Any thread; harmless before run() or after it has ended.
     void stop();
@@ -71,7 +74,7 @@ private:
     void replyError(httplib::Response& res, Entry& entry, int ret, const std::string& message);
 
     const ServeOptions& options_;
-    EventStore& store_;
+    EventStore* store_ = nullptr;  // set by run() before any request is taken
     const OnlineConfig& config_;
     RequestLog& log_;
     DecodeLimits limits_;

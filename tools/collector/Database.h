@@ -60,7 +60,11 @@ public:
     enum class Mode { ReadWrite, ReadOnly };
 
     /// Opens (creating it when writable) the database at `path`; nothing and a
-    /// message on failure. A writable database is put in WAL mode.
+    /// message naming the path and the cause on failure ("permission denied" and
+    /// what is not writable, when that is why). A writable database is put in WAL
+    /// mode. A read-only one is opened read-only whatever the caller's rights: it
+    /// is never written, and a database at rest (rollback-journal mode) gets no
+    /// file made beside it.
     static std::unique_ptr<Database> open(const std::string& path, Mode mode, std::string& error);
     ~Database();
     Database(const Database&) = delete;

@@ -134,8 +134,14 @@ void EventStore::close() {
     if (writer_.joinable()) writer_.join();
     if (db_) {
         statements_.reset();
+        // Leave one self-contained file in rollback-journal mode: the query commands
+        // and copies then read it without making any file beside it. A reader that
+        // holds it open keeps it in WAL mode; then the log is at least emptied.
         std::string ignored;
-        db_->exec("PRAGMA wal_checkpoint(TRUNCATE)", ignored);
+        Statement toRollbackJournal = db_->prepare("PRAGMA journal_mode=DELETE", ignored);
+        const bool switched = toRollbackJournal.ok() && toRollbackJournal.step() && toRollbackJournal.text(0) == "delete";
+        toRollbackJournal = Statement();
+        if (!switched) db_->exec("PRAGMA wal_checkpoint(TRUNCATE)", ignored);
         db_.reset();
     }
 }

@@ -64,8 +64,9 @@ public:
     /// committed. Any thread.
     MidOutcome registerDevice(const MidRequest& request);
 
-    /// Finishes pending work, stops the writer and closes the database. Later calls
-    /// of the operations above fail. Idempotent.
+    /// Finishes pending work, stops the writer and closes the database, leaving it
+    /// in rollback-journal mode (one self-contained file) unless a reader holds it
+    /// open. Later calls of the operations above fail. Idempotent.
     void close();
 
     /// Events stored since open().

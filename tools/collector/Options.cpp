@@ -2,132 +2,164 @@
 
 #include "Common/ZUBProConfig.h"
 
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <ctime>
-#include <functional>
 #include <limits>
-#include <map>
 
 #ifndef ZUB_COLLECTOR_PORT
 #define ZUB_COLLECTOR_PORT 47800
 #endif
 
+#ifndef ZUB_COLLECTOR_VERSION
+#define ZUB_COLLECTOR_VERSION "0"
+#endif
+
 namespace zubcollector {
 namespace {
 
-template <typename T>
-std::optional<T> parseNumber(const std::string& text, T min, T max) {
-    T value{};
+constexpr std::int64_t kMaxInt64 = std::numeric_limits<std::int64_t>::max();
+constexpr const char* kProgram = "zub-collector";
+
+std::optional<std::int64_t> parseSeconds(const std::string& text) {
+    std::int64_t value = 0;
     const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    if (value < min || value > max) return std::nullopt;
+    if (text.empty() || ec != std::errc() || end != text.data() + text.size() || value < 0) return std::nullopt;
     return value;
 }
 
-// Walks the arguments of one command, handing each option's value to its setter.
-class ArgumentReader {
-public:
-    using Setter = std::function<bool(const std::string& value, std::string& error)>;
+// Paths, addresses and keys: an empty value is a mistake, never "use the default".
+const CLI::Validator kNotEmpty(
+    [](std::string& value) { return value.empty() ? std::string("must not be empty") : std::string(); }, "");
 
-    void option(const std::string& name, Setter setter) { valued_[name] = std::move(setter); }
-    void flag(const std::string& name, std::function<void()> set) { flags_[name] = std::move(set); }
-
-    bool read(const std::vector<std::string>& args, std::size_t from, std::string& error) const {
-        for (std::size_t i = from; i < args.size(); ++i) {
-            std::string name = args[i];
-            std::optional<std::string> inlineValue;
-            if (const auto eq = name.find('='); name.rfind("--", 0) == 0 && eq != std::string::npos) {
-                inlineValue = name.substr(eq + 1);
-                name.resize(eq);
-            }
-            if (const auto f = flags_.find(name); f != flags_.end() && !inlineValue) {
-                f->second();
-                continue;
-            }
-            const auto o = valued_.find(name);
-            if (o == valued_.end()) {
-                error = "unknown option " + args[i];
-                return false;
-            }
-            if (!inlineValue && i + 1 >= args.size()) {
-                error = name + " needs a value";
-                return false;
-            }
-            const std::string value = inlineValue ? *inlineValue : args[++i];
-            std::string why;
-            if (!o->second(value, why)) {
-                error = "bad value for " + name + ": \"" + value + "\"" + (why.empty() ? "" : " (" + why + ")");
-                return false;
-            }
-        }
-        return true;
-    }
-
-private:
-    std::map<std::string, Setter> valued_;
-    std::map<std::string, std::function<void()>> flags_;
-};
+// A time as the events' "ts" holds it: rewritten to seconds since 1970.
+const CLI::Validator kTime(
+    [](std::string& value) {
+        const auto seconds = parseTime(value);
+        if (!seconds) return std::string("expected seconds since 1970, YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS] (UTC)");
+        value = std::to_string(*seconds);
+        return std::string();
+    },
+    "");
 
 template <typename T>
-ArgumentReader::Setter number(T& target, T min, T max) {
-    return [&target, min, max](const std::string& value, std::string& why) {
-        const auto parsed = parseNumber<T>(value, min, max);
-        if (!parsed) {
-            why = "a whole number from " + std::to_string(min) + " to " + std::to_string(max);
-            return false;
-        }
-        target = *parsed;
-        return true;
-    };
+CLI::Option* optionalOption(CLI::App& app, const std::string& name, std::optional<T>& target,
+                            const std::string& description) {
+    return app.add_option_function<T>(name, [&target](const T& value) { target = value; }, description);
 }
 
-template <typename T>
-ArgumentReader::Setter optionalNumber(std::optional<T>& target, T min, T max) {
-    return [&target, min, max](const std::string& value, std::string& why) {
-        const auto parsed = parseNumber<T>(value, min, max);
-        if (!parsed) {
-            why = "a whole number from " + std::to_string(min) + " to " + std::to_string(max);
-            return false;
-        }
-        target = *parsed;
-        return true;
-    };
+void addServeOptions(CLI::App& serve, ServeOptions& o) {
+    serve.add_option("--address", o.address, "listen address")->check(kNotEmpty)->type_name("ADDR");
+    serve.add_option("--port", o.port, "listen port; 0 picks a free one")
+        ->check(CLI::Range(0, 65535))
+        ->type_name("N");
+    serve.add_option("--key", o.key, "RC4 key of the wire wrapping")
+        ->check(kNotEmpty)
+        ->type_name("KEY")
+        ->default_str("(the library's)");
+    serve.add_option("--db", o.dbPath, "SQLite database (created and migrated as needed)")
+        ->check(kNotEmpty)
+        ->type_name("PATH");
+    serve.add_option("--config", o.configPath,
+                     "online configuration to hand out: {\"sdk\": {\"v\",\"c\"[,\"m\"]}, \"app\": {...}}")
+        ->check(kNotEmpty)
+        ->type_name("FILE")
+        ->default_str("none");
+    serve.add_option("--threads", o.threads, "request threads (each kept-alive connection holds one)")
+        ->check(CLI::Range(std::size_t{1}, std::size_t{1024}))
+        ->type_name("N");
+    serve.add_option("--keep-alive", o.keepAliveSeconds, "close connections idle this long")
+        ->check(CLI::Range(1, 3600))
+        ->type_name("SECONDS");
+    serve.add_option("--max-body", o.maxBodyBytes, "refuse larger request bodies (413)")
+        ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 31))
+        ->type_name("BYTES");
+    serve.add_option("--max-plain", o.maxPlainBytes, "refuse bodies that inflate beyond this")
+        ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 31))
+        ->type_name("BYTES");
+    serve.add_flag("--quiet", o.quiet, "no per-request log lines");
+
+    const std::string faults = "Faults on purpose (for testing clients)";
+    FaultOptions& f = o.faults;
+    auto* ret = optionalOption(serve, "--fault-ret", f.ret, "answer {\"ret\": N} and store nothing")
+                    ->type_name("N")
+                    ->group(faults);
+    auto* status = optionalOption(serve, "--fault-status", f.status, "answer this HTTP status and store nothing")
+                       ->check(CLI::Range(100, 599))
+                       ->type_name("CODE")
+                       ->group(faults);
+    auto* drop = serve.add_flag("--fault-drop", f.drop, "cut the connection instead of answering; store nothing")
+                     ->group(faults);
+    ret->excludes(status)->excludes(drop);
+    status->excludes(drop);
+    serve.add_option("--fault-delay-ms", f.delayMs, "wait this long before handling each request")
+        ->check(CLI::Range(0, 600000))
+        ->type_name("MS")
+        ->group(faults);
+    serve.add_option("--fault-count", f.count, "apply the fault to the first N matching requests only")
+        ->check(CLI::Range(std::int64_t{0}, kMaxInt64).description(""))
+        ->type_name("N")
+        ->default_str("all")
+        ->group(faults);
+    serve
+        .add_option_function<std::string>(
+            "--fault-path",
+            [&f](const std::string& path) {
+                f.scope = path == "report" ? FaultOptions::Scope::Report
+                          : path == "mid"  ? FaultOptions::Scope::Mid
+                                           : FaultOptions::Scope::All;
+            },
+            "the requests the fault applies to")
+        ->check(CLI::IsMember({"all", "report", "mid"}))
+        ->type_name("P")
+        ->default_str("all")
+        ->group(faults);
 }
 
-ArgumentReader::Setter text(std::string& target) {
-    return [&target](const std::string& value, std::string& why) {
-        if (value.empty()) {
-            why = "empty";
-            return false;
-        }
-        target = value;
-        return true;
-    };
+void addStatsOptions(CLI::App& stats, StatsOptions& o) {
+    stats.add_option("--db", o.dbPath, "collector database (opened read-only)")
+        ->required()
+        ->check(kNotEmpty)
+        ->type_name("PATH");
+    optionalOption(stats, "--app", o.app, "only this application key")->type_name("KEY");
+    stats.add_option("--top", o.top, "rows of the top custom events and pages")
+        ->check(CLI::Range(std::size_t{1}, std::size_t{1000}))
+        ->type_name("N");
+    stats.add_flag("--json", o.json, "one JSON object instead of tables");
 }
 
-ArgumentReader::Setter optionalText(std::optional<std::string>& target) {
-    return [&target](const std::string& value, std::string&) {
-        target = value;
-        return true;
-    };
+void addEventsOptions(CLI::App& events, EventsOptions& o) {
+    events.add_option("--db", o.dbPath, "collector database (opened read-only)")
+        ->required()
+        ->check(kNotEmpty)
+        ->type_name("PATH");
+    optionalOption(events, "--since", o.since, "events whose \"ts\" is at or after T")
+        ->transform(kTime)
+        ->type_name("T");
+    optionalOption(events, "--until", o.until, "events whose \"ts\" is before T")->transform(kTime)->type_name("T");
+    optionalOption(events, "--type", o.type, "only this event type (\"et\")")->type_name("ET");
+    optionalOption(events, "--app", o.app, "only this application key")->type_name("KEY");
+    optionalOption(events, "--mid", o.mid, "only this device")->type_name("MID");
+    optionalOption(events, "--limit", o.limit, "at most N events")
+        ->check(CLI::Range(std::int64_t{1}, kMaxInt64).description(""))
+        ->type_name("N");
+    events.add_flag("--json", o.json, "a JSON array with each event as it was sent");
+    events.footer("T: seconds since 1970, YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS][Z] (UTC), compared with the event's \"ts\"");
 }
 
-ArgumentReader::Setter time(std::optional<std::int64_t>& target) {
-    return [&target](const std::string& value, std::string& why) {
-        target = parseTime(value);
-        if (!target) why = "seconds since 1970, YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS] (UTC)";
-        return target.has_value();
-    };
-}
+bool isOption(const std::string& word) { return !word.empty() && word[0] == '-'; }
 
-constexpr std::int64_t kMaxInt64 = std::numeric_limits<std::int64_t>::max();
-constexpr std::int64_t kMinInt64 = std::numeric_limits<std::int64_t>::min();
+bool isCommand(CLI::App& app, const std::string& word) {
+    return !app.get_subcommands([&word](const CLI::App* command) { return command->check_name(word); }).empty();
+}
 
 }  // namespace
 
 std::optional<std::int64_t> parseTime(const std::string& value) {
-    if (const auto seconds = parseNumber<std::int64_t>(value, 0, kMaxInt64)) return seconds;
+    if (const auto seconds = parseSeconds(value)) return seconds;
     std::tm tm{};
     int consumed = 0;
     int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
@@ -157,134 +189,70 @@ std::optional<std::int64_t> parseTime(const std::string& value) {
     return static_cast<std::int64_t>(t);
 }
 
-std::optional<CommandLine> parseCommandLine(const std::vector<std::string>& args, std::string& error) {
+CommandLine parseCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
     CommandLine line;
     line.serve.port = ZUB_COLLECTOR_PORT;
     // The library's own default key, so an unconfigured client and collector agree.
     line.serve.key = ZUBProConfig::getInstance().rc4Key().value_or("");
-    std::size_t first = 0;
-    if (!args.empty()) {
-        const std::string& word = args[0];
-        if (word == "serve") {
-            first = 1;
-        } else if (word == "stats") {
-            line.command = CommandLine::Command::Stats;
-            first = 1;
-        } else if (word == "events") {
-            line.command = CommandLine::Command::Events;
-            first = 1;
-        } else if (word == "help" || word == "--help" || word == "-h") {
-            line.command = CommandLine::Command::Help;
-            return line;
-        } else if (word == "--version") {
-            line.command = CommandLine::Command::Version;
-            return line;
-        }
+
+    CLI::App app("The reference report and identifier server of ZUBCocoa, and queries of what it stored.", kProgram);
+    app.option_defaults()->always_capture_default()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    app.set_version_flag("--version", std::string(kProgram) + " " + ZUB_COLLECTOR_VERSION);
+    app.require_subcommand(0, 1);
+    CLI::App* serve = app.add_subcommand("serve", "run the report and identifier server (the default command)");
+    CLI::App* stats = app.add_subcommand("stats", "summarise what a collector database holds");
+    CLI::App* events = app.add_subcommand("events", "list the events a collector database holds");
+    addServeOptions(*serve, line.serve);
+    addStatsOptions(*stats, line.stats);
+    addEventsOptions(*events, line.events);
+    app.footer("With no command the server runs: zub-collector [serve options].\n"
+               "zub-collector COMMAND --help shows the options of a command.");
+
+    std::vector<std::string> words = args;
+    if (!words.empty() && words[0] == "help") {
+        // "help" alone is --help; "help COMMAND" is "COMMAND --help".
+        words.erase(words.begin());
+        words.resize(std::min<std::size_t>(words.size(), 1));
+        words.push_back("--help");
+    }
+    if (words.empty() || (isOption(words[0]) && words[0] != "--help" && words[0] != "-h" && words[0] != "--version")) {
+        words.insert(words.begin(), "serve");
+    } else if (!isOption(words[0]) && !isCommand(app, words[0])) {
+        err << kProgram << ": unknown command \"" << words[0] << "\" (commands: serve, stats, events; see "
+            << kProgram << " --help)\n";
+        line.command = CommandLine::Command::Exit;
+        line.exitCode = kExitUsage;
+        return line;
     }
 
-    ArgumentReader reader;
-    switch (line.command) {
-        case CommandLine::Command::Serve: {
-            ServeOptions& o = line.serve;
-            FaultOptions& f = o.faults;
-            reader.option("--address", text(o.address));
-            reader.option("--port", number<int>(o.port, 0, 65535));
-            reader.option("--key", text(o.key));
-            reader.option("--db", text(o.dbPath));
-            reader.option("--config", text(o.configPath));
-            reader.option("--threads", number<std::size_t>(o.threads, 1, 1024));
-            reader.option("--keep-alive", number<int>(o.keepAliveSeconds, 1, 3600));
-            reader.option("--max-body", number<std::size_t>(o.maxBodyBytes, 1, std::size_t{1} << 31));
-            reader.option("--max-plain", number<std::size_t>(o.maxPlainBytes, 1, std::size_t{1} << 31));
-            reader.flag("--quiet", [&o] { o.quiet = true; });
-            reader.option("--fault-ret", optionalNumber<int>(f.ret, std::numeric_limits<int>::min(),
-                                                             std::numeric_limits<int>::max()));
-            reader.option("--fault-status", optionalNumber<int>(f.status, 100, 599));
-            reader.option("--fault-delay-ms", number<int>(f.delayMs, 0, 600000));
-            reader.flag("--fault-drop", [&f] { f.drop = true; });
-            reader.option("--fault-count", number<std::int64_t>(f.count, 0, kMaxInt64));
-            reader.option("--fault-path", [&f](const std::string& value, std::string& why) {
-                if (value == "all") {
-                    f.scope = FaultOptions::Scope::All;
-                } else if (value == "report") {
-                    f.scope = FaultOptions::Scope::Report;
-                } else if (value == "mid") {
-                    f.scope = FaultOptions::Scope::Mid;
-                } else {
-                    why = "all, report or mid";
-                    return false;
-                }
-                return true;
-            });
-            break;
-        }
-        case CommandLine::Command::Stats: {
-            StatsOptions& o = line.stats;
-            reader.option("--db", text(o.dbPath));
-            reader.option("--app", optionalText(o.app));
-            reader.option("--top", number<std::size_t>(o.top, 1, 1000));
-            reader.flag("--json", [&o] { o.json = true; });
-            break;
-        }
-        case CommandLine::Command::Events: {
-            EventsOptions& o = line.events;
-            reader.option("--db", text(o.dbPath));
-            reader.option("--since", time(o.since));
-            reader.option("--until", time(o.until));
-            reader.option("--type", optionalNumber<std::int64_t>(o.type, kMinInt64, kMaxInt64));
-            reader.option("--app", optionalText(o.app));
-            reader.option("--mid", optionalText(o.mid));
-            reader.option("--limit", optionalNumber<std::int64_t>(o.limit, 1, kMaxInt64));
-            reader.flag("--json", [&o] { o.json = true; });
-            break;
-        }
-        default:
-            break;
+    line.command = CommandLine::Command::Exit;
+    try {
+        std::vector<std::string> reversed(words.rbegin(), words.rend());  // CLI11 takes them last first
+        app.parse(reversed);
+    } catch (const CLI::CallForHelp&) {
+        out << app.help();  // the help of the command named, if any
+        return line;
+    } catch (const CLI::CallForAllHelp&) {
+        out << app.help("", CLI::AppFormatMode::All);
+        return line;
+    } catch (const CLI::CallForVersion& version) {
+        out << version.what() << "\n";
+        return line;
+    } catch (const CLI::ParseError& e) {
+        const CLI::App* named = app.get_subcommands().empty() ? &app : app.get_subcommands().front();
+        err << kProgram << (named == &app ? "" : " " + named->get_name()) << ": " << e.what() << "\n"
+            << "Run '" << kProgram << (named == &app ? "" : " " + named->get_name()) << " --help' for its options.\n";
+        line.exitCode = kExitUsage;
+        return line;
     }
-    if (!reader.read(args, first, error)) return std::nullopt;
-    if (line.command == CommandLine::Command::Stats && line.stats.dbPath.empty()) {
-        error = "stats needs --db PATH";
-        return std::nullopt;
-    }
-    if (line.command == CommandLine::Command::Events && line.events.dbPath.empty()) {
-        error = "events needs --db PATH";
-        return std::nullopt;
-    }
-    if (line.command == CommandLine::Command::Serve) {
-        const FaultOptions& f = line.serve.faults;
-        if ((f.ret ? 1 : 0) + (f.status ? 1 : 0) + (f.drop ? 1 : 0) > 1) {
-            error = "choose at most one of --fault-ret, --fault-status and --fault-drop";
-            return std::nullopt;
-        }
+    if (stats->parsed()) {
+        line.command = CommandLine::Command::Stats;
+    } else if (events->parsed()) {
+        line.command = CommandLine::Command::Events;
+    } else {
+        line.command = CommandLine::Command::Serve;
     }
     return line;
-}
-
-std::string usageText() {
-    return "usage:\n"
-           "  zub-collector [serve] [options]   run the report and identifier server\n"
-           "    --address ADDR        listen address (default 127.0.0.1)\n"
-           "    --port N              listen port (default " +
-           std::to_string(ZUB_COLLECTOR_PORT) +
-           "; 0 picks a free one)\n"
-           "    --key KEY             RC4 key of the wire wrapping (default: the library's)\n"
-           "    --db PATH             SQLite database (default ./zub-collector.db)\n"
-           "    --config FILE         online configuration to hand out: {\"sdk\": {\"v\",\"c\"[,\"m\"]}, \"app\": {...}}\n"
-           "    --threads N           request threads (default 32)\n"
-           "    --keep-alive SECONDS  close connections idle this long (default 1)\n"
-           "    --max-body BYTES      refuse larger request bodies (default 4194304)\n"
-           "    --max-plain BYTES     refuse bodies that inflate beyond this (default 33554432)\n"
-           "    --quiet               no per-request log lines\n"
-           "    --fault-ret N         answer {\"ret\": N} and store nothing\n"
-           "    --fault-status CODE   answer this HTTP status and store nothing\n"
-           "    --fault-drop          cut the connection instead of answering; store nothing\n"
-           "    --fault-delay-ms MS   wait before handling each request\n"
-           "    --fault-count N       apply the fault to the first N matching requests only\n"
-           "    --fault-path P        all (default), report or mid\n"
-           "  zub-collector stats --db PATH [--app KEY] [--top N] [--json]\n"
-           "  zub-collector events --db PATH [--since T] [--until T] [--type ET] [--app KEY] [--mid MID]\n"
-           "                       [--limit N] [--json]\n"
-           "    T: seconds since 1970, YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS] (UTC), compared with the event's \"ts\"\n";
 }
 
 }  // namespace zubcollector

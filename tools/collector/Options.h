@@ -1,14 +1,20 @@
-// Command-line options of zub-collector.
+// Command line of zub-collector (parsed with CLI11).
 //
 //   zub-collector [serve] [server options]      run the report and identifier server
 //   zub-collector stats  --db PATH [--app KEY] [--top N] [--json]
 //   zub-collector events --db PATH [--since T] [--until T] [--type ET] [--app KEY]
 //                        [--mid MID] [--limit N] [--json]
+//   zub-collector help [COMMAND] | --help | --version
+//
+// With no command, or when the first argument is an option, the server runs:
+// `zub-collector --port 0 --db x.db` is `zub-collector serve --port 0 --db x.db`.
+// Every command has its own --help with the defaults shown.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -62,20 +68,24 @@ struct EventsOptions {
 };
 
 struct CommandLine {
-    enum class Command { Serve, Stats, Events, Help, Version };
+    /// Exit: nothing to run; end with exitCode (help or version printed: 0; a bad
+    /// command line reported: 2).
+    enum class Command { Serve, Stats, Events, Exit };
     Command command = Command::Serve;
+    int exitCode = 0;
     ServeOptions serve;
     StatsOptions stats;
     EventsOptions events;
 };
 
-/// Parses argv; nothing and a message on a bad command line.
-std::optional<CommandLine> parseCommandLine(const std::vector<std::string>& args, std::string& error);
+inline constexpr int kExitUsage = 2;
+
+/// Parses the arguments (argv without the program name). Help and the version go
+/// to `out`, a bad command line is explained on `err`; both give Command::Exit.
+CommandLine parseCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 /// Reads a time given as seconds since 1970 or as a UTC date "YYYY-MM-DD" or
 /// date and time "YYYY-MM-DDTHH:MM[:SS][Z]".
 std::optional<std::int64_t> parseTime(const std::string& text);
-
-std::string usageText();
 
 }  // namespace zubcollector

@@ -3,6 +3,7 @@
 #include "Database.h"
 #include "Schema.h"
 
+#include <ZUBCocoa/ZUBDelivery.h>
 #include <ZUBCocoa/ZUBValue.h>
 
 #include <cstdio>
@@ -108,6 +109,7 @@ struct Stats {
     std::int64_t devicesRegistered = 0;
     std::int64_t devicesReporting = 0;
     std::int64_t apps = 0;
+    std::int64_t droppedEvents = 0;  // the "count"s of the library's dropped-events reports
     std::optional<std::int64_t> firstTs, lastTs, firstReceived, lastReceived;
     std::vector<std::pair<std::optional<std::int64_t>, std::int64_t>> byType;
     std::vector<NamedCount> customEvents;
@@ -163,14 +165,29 @@ bool collect(Database& db, const StatsOptions& options, Stats& stats, std::strin
     while (types.step()) stats.byType.emplace_back(optionalInteger(types, 0), types.integer(1));
     if (types.failed()) return error = db.lastError(), false;
 
-    // `which` selects the events of the kind (?2 being its event type).
-    auto named = [&](std::int64_t type, const char* key, const char* which, std::vector<NamedCount>& into) {
+    // The library reports events it had to drop as a custom event with a reserved
+    // identifier and the number dropped since its last report as "count".
+    Statement dropped = prepare(std::string("SELECT COALESCE(SUM(json_extract(body, '$.kv.count')), 0) FROM events "
+                                            "WHERE json_extract(body, '$.ei') = ?2 "
+                                            "AND json_type(body, '$.kv.count') = 'integer' AND ") +
+                                kApp);
+    if (!dropped.ok()) return false;
+    dropped.bind(2, kZUBDroppedEventsID);
+    if (dropped.step()) stats.droppedEvents = dropped.integer(0);
+    if (dropped.failed()) return error = db.lastError(), false;
+
+    // `which` selects the events of the kind (?2 being its event type); an event
+    // whose identifier is ?4 is left out.
+    auto named = [&](std::int64_t type, const char* key, const char* which, std::optional<std::string> excluded,
+                     std::vector<NamedCount>& into) {
         Statement s = prepare(std::string("SELECT json_extract(body, '$.") + key +
                               "') AS name, COUNT(*), AVG(json_extract(body, '$.du')) FROM events WHERE (" + which +
-                              ") AND " + kApp + " GROUP BY name ORDER BY COUNT(*) DESC, name LIMIT ?3");
+                              ") AND (?4 IS NULL OR json_extract(body, '$.ei') IS NOT ?4) AND " + kApp +
+                              " GROUP BY name ORDER BY COUNT(*) DESC, name LIMIT ?3");
         if (!s.ok()) return false;
         s.bind(2, type);
         s.bind(3, static_cast<std::int64_t>(options.top));
+        s.bind(4, excluded);
         while (s.step()) {
             NamedCount row;
             row.nameMissing = s.isNull(0);
@@ -184,8 +201,10 @@ bool collect(Database& db, const StatsOptions& options, Stats& stats, std::strin
     };
     // A custom event ended by a timer arrives without its type ("et" 0) but with
     // its identifier: an event is a custom event by its "ei" as much as by its type.
-    return named(1000, "ei", "et = ?2 OR json_extract(body, '$.ei') IS NOT NULL", stats.customEvents) &&
-           named(1, "pi", "et = ?2", stats.pages);
+    // The dropped-events reports are the library's, not the application's.
+    return named(1000, "ei", "et = ?2 OR json_extract(body, '$.ei') IS NOT NULL", kZUBDroppedEventsID,
+                 stats.customEvents) &&
+           named(1, "pi", "et = ?2", std::nullopt, stats.pages);
 }
 
 zub::Value namedJson(const std::vector<NamedCount>& rows, const char* nameKey, const char* countKey) {
@@ -207,6 +226,7 @@ void printStatsJson(const Stats& stats, std::ostream& out) {
     json["devicesRegistered"] = stats.devicesRegistered;
     json["devicesReporting"] = stats.devicesReporting;
     json["apps"] = stats.apps;
+    json["droppedEvents"] = stats.droppedEvents;
     zub::Value types = zub::Value::array();
     for (const auto& [type, count] : stats.byType) {
         zub::Value item = zub::Value::object();
@@ -235,6 +255,7 @@ void printStatsTable(const Stats& stats, const StatsOptions& options, std::ostre
     if (stats.lastTs) summary.add({"last event time", utcText(*stats.lastTs) + " UTC"});
     if (stats.lastReceived) summary.add({"last received", utcText(*stats.lastReceived) + " UTC"});
     summary.print(out, "Summary");
+    out << "dropped events: " << stats.droppedEvents << " (discarded unsent by clients, as they reported)\n\n";
 
     Table types({"et", "type", "events"});
     for (const auto& [type, count] : stats.byType) {
@@ -342,9 +363,16 @@ int runEvents(const EventsOptions& options, std::ostream& out, std::ostream& err
                     if (!part.empty()) details += (details.empty() ? "" : " ") + part;
                 }
             }
-            auto cell = [&](int column) { return query.isNull(column) ? std::string("-") : query.text(column); };
-            table.add({cell(0), utcText(query.integer(1)), cell(2), cell(3), cell(4), cell(5), cell(6), cell(7),
-                       details});
+            // A column stays empty when the value did not fit it (a number too large,
+            // a text where a number belongs): the value is then shown as it came.
+            auto cell = [&](int column, const char* key) {
+                if (!query.isNull(column)) return query.text(column);
+                const auto sent = event.is_object() ? event.find(key) : event.end();
+                if (sent == event.end() || sent->is_null()) return std::string("-");
+                return sent->dump(-1, ' ', false, zub::Value::error_handler_t::replace);
+            };
+            table.add({query.text(0), utcText(query.integer(1)), cell(2, "ky"), cell(3, "mid"), cell(4, "et"),
+                       cell(5, "si"), cell(6, "ts"), cell(7, "idx"), details});
         }
     }
     if (query.failed()) {

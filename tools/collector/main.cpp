@@ -20,10 +20,6 @@
 #include <iostream>
 #include <thread>
 
-#ifndef ZUB_COLLECTOR_VERSION
-#define ZUB_COLLECTOR_VERSION "0"
-#endif
-
 #if defined(__SANITIZE_THREAD__)
 #define ZUB_COLLECTOR_TSAN 1
 #elif defined(__has_feature)
@@ -65,17 +61,15 @@ int serve(const ServeOptions& options) {
         }
         config = std::move(*loaded);
     }
-    auto store = EventStore::open(options.dbPath, error);
-    if (!store) {
+    CollectorServer server(options, config, log);
+    const int port = server.bind(error);
+    if (port <= 0) {
         std::cerr << "zub-collector: " << error << "\n";
         return 1;
     }
-
-    CollectorServer server(options, *store, config, log);
-    const int port = server.bind();
-    if (port <= 0) {
-        std::cerr << "zub-collector: cannot listen on " << options.address << ":" << options.port << "\n";
-        store->close();
+    auto store = EventStore::open(options.dbPath, error);
+    if (!store) {
+        std::cerr << "zub-collector: " << error << "\n";
         return 1;
     }
     zub::Value ready = zub::Value::object();
@@ -106,7 +100,7 @@ int serve(const ServeOptions& options) {
         }
     });
 
-    const bool served = server.run();
+    const bool served = server.run(*store);
     finished = true;
     pthread_kill(signalThread.native_handle(), SIGTERM);  // blocked here: only wakes sigwait
     signalThread.join();
@@ -125,26 +119,17 @@ int serve(const ServeOptions& options) {
 
 int main(int argc, char** argv) {
     try {
-        std::vector<std::string> args(argv + 1, argv + argc);
-        std::string error;
-        const auto line = parseCommandLine(args, error);
-        if (!line) {
-            std::cerr << "zub-collector: " << error << "\n\n" << usageText();
-            return 2;
-        }
-        switch (line->command) {
-            case CommandLine::Command::Help:
-                std::cout << usageText();
-                return 0;
-            case CommandLine::Command::Version:
-                std::cout << "zub-collector " << ZUB_COLLECTOR_VERSION << "\n";
-                return 0;
+        const std::vector<std::string> args(argv + 1, argv + argc);
+        const CommandLine line = parseCommandLine(args, std::cout, std::cerr);
+        switch (line.command) {
+            case CommandLine::Command::Exit:
+                return line.exitCode;
             case CommandLine::Command::Stats:
-                return runStats(line->stats, std::cout, std::cerr);
+                return runStats(line.stats, std::cout, std::cerr);
             case CommandLine::Command::Events:
-                return runEvents(line->events, std::cout, std::cerr);
+                return runEvents(line.events, std::cout, std::cerr);
             case CommandLine::Command::Serve:
-                return serve(line->serve);
+                return serve(line.serve);
         }
     } catch (const std::exception& e) {
         std::cerr << "zub-collector: " << e.what() << "\n";
