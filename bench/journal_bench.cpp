@@ -95,6 +95,13 @@ void BM_JournalAppend(benchmark::State& state) {
         state.ResumeTiming();
     }
 }
+// The part of an append that archives the event (the rest is framing and the write).
+void BM_JournalArchiveOnly(benchmark::State& state) {
+    auto event = customEvent(1);
+    for (auto _ : state) benchmark::DoNotOptimize(zub::KeyedArchiver::archivedDataWithRootObject(*event));
+}
+BENCHMARK(BM_JournalArchiveOnly)->Repetitions(3)->ReportAggregatesOnly(true)->Unit(benchmark::kMicrosecond);
+
 BENCHMARK(BM_JournalAppend)->Repetitions(3)->ReportAggregatesOnly(true)->Unit(benchmark::kMicrosecond);
 
 void BM_JournalRecovery100k(benchmark::State& state) {
