@@ -374,8 +374,8 @@ namespace {
 
 // Waits for notices until stop() signals (returns 0) or the socket fails
 // (returns the errno value).
-int listen(LinkMonitor::Listener& listener, const LinkState& target, const LinkMonitor::Callback& callback,
-           std::optional<std::uint32_t> last) {
+int listenForNotices(LinkMonitor::Listener& listener, const LinkState& target, const LinkMonitor::Callback& callback,
+                     std::optional<std::uint32_t> last) {
     std::vector<char> buffer(kBufferSize);
     for (;;) {
         pollfd fds[2] = {{listener.wake, POLLIN, 0}, {listener.netlink, POLLIN, 0}};
@@ -392,7 +392,6 @@ int listen(LinkMonitor::Listener& listener, const LinkState& target, const LinkM
             const ssize_t got = ::recv(listener.netlink, buffer.data(), buffer.size(), MSG_DONTWAIT);
             if (got > 0 || (got < 0 && (errno == EINTR || errno == ENOBUFS))) continue;
             if (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK) return errno;
-            if (got == 0) return ECONNRESET;  // a closed socket: no notice will come again
             break;
         }
         const std::optional<std::uint32_t> now = target.flags();
@@ -411,7 +410,7 @@ void runListener(std::shared_ptr<LinkMonitor::Listener> listener, const LinkStat
                  LinkMonitor::Callback callback, LinkMonitor::FailureCallback onFailure,
                  std::optional<std::uint32_t> last) {
     ::pthread_setname_np(::pthread_self(), "zub-linkmon");
-    const int error = listen(*listener, *target, callback, last);
+    const int error = listenForNotices(*listener, *target, callback, last);
     if (error == 0) return;
     listener->failed = true;
     try {
