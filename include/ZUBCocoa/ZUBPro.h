@@ -39,7 +39,8 @@ public:
     /// sends the events saved by earlier runs, registers the device for its mid,
     /// opens or continues a session, and posts ZUBProMainServiceStartNotification.
     /// The key is stored as given, without a check: an absent or empty key is
-    /// kept (and said so in the debug log), and events then carry no "ky".
+    /// kept and said so in the debug log; events then carry no "ky", or an
+    /// empty one.
     /// Costs a few milliseconds on the calling thread; the network work is queued.
     static void startWithAppKey(zub::OptionalText appKey);
 
@@ -163,8 +164,9 @@ public:
     /// the dictionary's lock, and what it leaves becomes the dictionary (when it
     /// is still an object; if it throws, nothing changes and the exception is
     /// logged). Concurrent updates run one after another, so none is lost. Keep
-    /// `update` short; it runs on the calling thread, and the info calls it makes
-    /// itself see the dictionary as it was before.
+    /// `update` short; it runs on the calling thread. Info calls made from inside
+    /// it see the dictionary as it was before, and what they change is replaced
+    /// by the update's result.
     static void updateMainServicesInfo(const std::function<void(zub::Value& info)>& update);
     /// Hands a plug-in's event (a ZUBProEvent subclass, see ZUBProEvent.h) to the
     /// report queue. Only its appkey is filled in, when unset; the plug-in sets

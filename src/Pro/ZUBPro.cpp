@@ -41,9 +41,10 @@ void ZUBPro::startWithAppKey(zub::OptionalText appKey) {
     zubGuarded("startWithAppKey", [&] {
         // Stored as given, without a check; only said, since such events go out
         // without an application key and the collector cannot tell whose they are.
-        if (!appKey.has_value() || appKey.text()->empty()) {
-            ZUBProHelper::LogDebug("[WARN]startWithAppKey: the application key is %@; events will carry no \"ky\"",
-                                   appKey.has_value() ? "empty" : "absent");
+        if (!appKey.has_value()) {
+            ZUBProHelper::LogDebug("[WARN]startWithAppKey: the application key is absent; events will carry no \"ky\"");
+        } else if (appKey.text()->empty()) {
+            ZUBProHelper::LogDebug("[WARN]startWithAppKey: the application key is empty; events will carry \"ky\":\"\"");
         }
         config().setAppkey(std::move(appKey).text());
         addNotification();
