@@ -31,6 +31,7 @@ void ZUBEventLogic::startStatusMonitor() {
             cachedStatus_.store(kStatusMonitorFailed);
             ZUBProHelper::LogDebug("[WARN]reachability: watching %@ failed (error %@), asking at every check",
                                    reachability->handle().description(), error);
+            statusMonitor_->stop();  // from its own thread: lets that thread end on its own
         });
     if (!statusMonitor_->start()) {
         ZUBProHelper::LogDebug("reachability: cannot watch %@, asking at every check",
