@@ -18,6 +18,7 @@
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
 #include "support/ReportPipeline.h"
+#include "support/SteppingClock.h"
 
 #include <gtest/gtest.h>
 
@@ -170,7 +171,7 @@ TEST(ZUBPro, EventsStillOnTheirWayAreSavedWhenTheHostGoesToTheBackground) {
 }
 
 TEST(ZUBPro, ANullPointerIsAnAbsentTextInEveryPublicCall) {
-    zubtest::ManualClock clock;
+    zubtest::SteppingClock clock;  // no two events share an identity key
     Servers s;
     zubtest::LogCapture log;
     const char* const none = nullptr;
