@@ -40,6 +40,42 @@ std::int64_t leadingNumber(const std::string& text) {
     return value;
 }
 
+bool isUtf8(const std::string& text) {
+    try {
+        (void)zub::Value(text).dump();
+        return true;
+    } catch (const zub::Value::type_error&) {
+        return false;
+    }
+}
+
+// The key path ("kv.item", "ei") of the first text in `value` that is not UTF-8.
+std::optional<std::string> nonUtf8Path(const zub::Value& value, const std::string& path) {
+    if (value.is_string()) return isUtf8(value.get_ref<const std::string&>()) ? std::nullopt : std::optional(path);
+    if (value.is_object()) {
+        for (const auto& [key, item] : value.items()) {
+            const std::string itemPath = path.empty() ? key : path + "." + key;
+            if (!isUtf8(key)) return itemPath + " (the key itself)";
+            if (auto found = nonUtf8Path(item, itemPath)) return found;
+        }
+    } else if (value.is_array()) {
+        for (std::size_t i = 0; i < value.size(); ++i) {
+            if (auto found = nonUtf8Path(value[i], path + "[" + std::to_string(i) + "]")) return found;
+        }
+    }
+    return std::nullopt;
+}
+
+// Says which event cannot be written and why: the wire would otherwise lose it
+// without a word (its JSON is "", which no batch carries).
+void logUnwritable(const ZUBProEvent& event, const zub::Value& envelope) {
+    const auto path = nonUtf8Path(envelope, "");
+    ZUBProHelper::LogDebug("[ERROR]event of type %@ (m5 %@) cannot be written as JSON and is not sent: %@",
+                           event.type(), event.md5(),
+                           path ? "the text under \"" + *path + "\" is not UTF-8"
+                                : std::string("it holds a value JSON cannot carry (binary data, NaN or infinity)"));
+}
+
 }  // namespace
 
 ZUBProEvent::ZUBProEvent() : timeStr_(microsDigits().substr(2)) {}
@@ -113,7 +149,9 @@ std::optional<std::string> ZUBProEvent::toJsonString() {
     } catch (...) {
         ZUBProHelper::trackException(std::runtime_error("unknown exception"));
     }
-    return ZUBProHelper::objToJson(envelope);
+    auto json = ZUBProHelper::objToJson(envelope);
+    if (json && json->empty()) logUnwritable(*this, envelope);
+    return json;
 }
 
 void ZUBProEvent::encode(zub::Value&) {

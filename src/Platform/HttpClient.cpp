@@ -1,5 +1,7 @@
 #include "Platform/HttpClient.h"
 
+#include "Platform/LinkState.h"
+
 #include <curl/curl.h>
 
 #include <cerrno>
@@ -41,14 +43,32 @@ std::size_t appendBody(char* data, std::size_t size, std::size_t count, void* us
     return n;
 }
 
-HttpError mapError(CURLcode code, long osErrno, const char* detail) {
+// Whether the kernel's tables show a usable default route; true when they cannot
+// be read, so that only a known offline machine counts as offline.
+bool internetReachable() {
+    const auto flags = LinkState::forInternet()->flags();
+    return !flags || (*flags & ReachabilityFlag::kReachable) != 0;
+}
+
+}  // namespace
+
+HttpError HttpClient::errorFor(int curlCode, long osErrno, bool internetReachable, const char* detail) {
     HttpError e;
-    switch (code) {
+    switch (static_cast<CURLcode>(curlCode)) {
         case CURLE_OPERATION_TIMEDOUT:
             e.code = -1001;
             e.description = "The request timed out.";
             break;
         case CURLE_COULDNT_RESOLVE_HOST:
+            // Without a default route no name server can be asked: the machine is
+            // offline, which the report pipeline treats as a network failure (kept
+            // without counting an attempt), not as an unknown host.
+            if (!internetReachable) {
+                e.code = -1009;
+                e.description = "The Internet connection appears to be offline.";
+                break;
+            }
+            [[fallthrough]];
         case CURLE_COULDNT_RESOLVE_PROXY:
             e.code = -1003;
             e.description = "A server with the specified hostname could not be found.";
@@ -71,6 +91,10 @@ HttpError mapError(CURLcode code, long osErrno, const char* detail) {
             e.code = -1005;
             e.description = "The network connection was lost.";
             break;
+        case CURLE_TOO_MANY_REDIRECTS:
+            e.code = -1007;
+            e.description = "too many HTTP redirects";
+            break;
         case CURLE_URL_MALFORMAT:
             e.code = -1000;
             e.description = "unsupported URL";
@@ -89,14 +113,12 @@ HttpError mapError(CURLcode code, long osErrno, const char* detail) {
             break;
         default:
             e.code = -1;
-            e.description = curl_easy_strerror(code);
+            e.description = curl_easy_strerror(static_cast<CURLcode>(curlCode));
             break;
     }
     if (detail && *detail) e.description += std::string(" (") + detail + ")";
     return e;
 }
-
-}  // namespace
 
 void HttpRequest::setHeader(const std::string& name, const std::string& value) {
     for (auto& [n, v] : headers) {
@@ -147,6 +169,13 @@ std::optional<HttpError> HttpClient::send(const HttpRequest& request, HttpRespon
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
     curl_easy_setopt(curl, CURLOPT_TCP_KEEPALIVE, 1L);
+    // Redirects are followed as the platform's URL loading follows them: at most
+    // kMaxRedirects, http and https only; 307 and 308 repeat the POST with its
+    // body, 301, 302 and 303 continue as a GET without a body (POSTREDIR 0).
+    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(curl, CURLOPT_MAXREDIRS, static_cast<long>(kMaxRedirects));
+    curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(curl, CURLOPT_POSTREDIR, 0L);
 
     if (request.method == "POST") {
         curl_easy_setopt(curl, CURLOPT_POST, 1L);
@@ -179,7 +208,11 @@ std::optional<HttpError> HttpClient::send(const HttpRequest& request, HttpRespon
     curl_slist_free_all(headerList);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
 
-    if (code != CURLE_OK) return mapError(code, osErrno, errorBuffer);
+    if (code != CURLE_OK) {
+        // The route table is read only for a failed name lookup.
+        const bool online = code != CURLE_COULDNT_RESOLVE_HOST || internetReachable();
+        return errorFor(code, osErrno, online, errorBuffer);
+    }
     response.status = status;
     response.body = std::move(body);
     return std::nullopt;

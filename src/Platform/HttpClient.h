@@ -6,10 +6,18 @@
 // posts from one queue reuse the kept-alive connection; different threads never
 // share a handle. https is verified against the system's certificate store.
 //
+// Redirects are followed as the platform's URL loading follows them, at most
+// kMaxRedirects in a row: 307 and 308 repeat the POST with its body and headers;
+// 301, 302 and 303 continue with a GET without a body (what browsers do, and what
+// libcurl does unless CURLOPT_POSTREDIR asks otherwise). Only http and https
+// targets are followed.
+//
 // Connection-level failures come back as an HttpError carrying the platform's URL
 // error codes: -1001 timed out, -1003 host not found, -1004 cannot connect,
-// -1005 connection lost, -1009 not connected to the internet, -1000 bad URL,
-// -1002 unsupported URL, -1200 secure connection failed, -1 anything else.
+// -1005 connection lost, -1007 too many redirects, -1009 not connected to the
+// internet (no route to the network, or a name that cannot be looked up while the
+// machine has no default route), -1000 bad URL, -1002 unsupported URL, -1200
+// secure connection failed, -1 anything else.
 #pragma once
 
 #include <ZUBCocoa/ZUBValue.h>
@@ -55,9 +63,16 @@ struct HttpResponse {
 
 class HttpClient {
 public:
+    static constexpr int kMaxRedirects = 10;
+
     /// Sends the request. On a completed exchange (whatever the status) fills
     /// `response` and returns nullopt; on a connection-level failure returns the error.
     static std::optional<HttpError> send(const HttpRequest& request, HttpResponse& response);
+
+    /// The platform error for a failed exchange: libcurl's result code, the
+    /// operating-system error it saw, whether the kernel shows a usable default
+    /// route, and curl's detail text (appended in parentheses when present).
+    static HttpError errorFor(int curlCode, long osErrno, bool internetReachable, const char* detail = nullptr);
 };
 
 }  // namespace zub

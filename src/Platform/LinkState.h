@@ -81,17 +81,24 @@ private:
 // The thread blocks on the netlink socket and on an eventfd that stop() signals;
 // it never polls on a timer.
 //
+// Should waiting on or reading the socket fail (an error other than an
+// interruption or an overrun of notices), the thread ends: `onFailure` is called
+// once with the errno value, isRunning() turns false and no more changes are
+// reported; start() makes a new listener. A user that caches the flags must then
+// ask the target itself.
+//
 // Threads: start() and stop() may be called from any thread (they are serialised).
-// The callback runs on the listener thread; stop() waits for a running callback
-// to return, except when stop() is called from inside the callback itself (the
+// The callbacks run on the listener thread; stop() waits for a running callback
+// to return, except when stop() is called from inside a callback itself (the
 // thread then ends after the callback returns). The target must outlive the
-// monitor; the callback must not block on the monitor's own start()/stop() from
+// monitor; the callbacks must not block on the monitor's own start()/stop() from
 // another thread while being run.
 class LinkMonitor {
 public:
     using Callback = std::function<void(std::uint32_t flags)>;
+    using FailureCallback = std::function<void(int error)>;
 
-    LinkMonitor(const LinkState& target, Callback callback);
+    LinkMonitor(const LinkState& target, Callback callback, FailureCallback onFailure = {});
     ~LinkMonitor();  // stops
     LinkMonitor(const LinkMonitor&) = delete;
     LinkMonitor& operator=(const LinkMonitor&) = delete;
@@ -102,6 +109,7 @@ public:
     bool start();
     /// Stops the thread; nothing when not running.
     void stop();
+    /// Started, and its listener has not ended on a failure.
     bool isRunning() const;
 
     /// The listener thread's sockets (defined with the platform variant).
@@ -110,6 +118,7 @@ public:
 private:
     const LinkState& target_;
     const Callback callback_;
+    const FailureCallback onFailure_;
     mutable std::mutex mutex_;
     std::shared_ptr<Listener> listener_;  // guarded by mutex_
     std::thread thread_;                  // guarded by mutex_

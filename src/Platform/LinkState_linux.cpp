@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <map>
 #include <vector>
 
@@ -362,6 +363,7 @@ std::string LinkState::description() const {
 struct LinkMonitor::Listener {
     int netlink = -1;
     int wake = -1;
+    std::atomic<bool> failed{false};  // the thread ended on an error
     ~Listener() {
         if (netlink >= 0) ::close(netlink);
         if (wake >= 0) ::close(wake);
@@ -370,28 +372,29 @@ struct LinkMonitor::Listener {
 
 namespace {
 
-void runListener(std::shared_ptr<LinkMonitor::Listener> listener, const LinkState* target, LinkMonitor::Callback callback,
-            std::optional<std::uint32_t> last) {
-    ::pthread_setname_np(::pthread_self(), "zub-linkmon");
+// Waits for notices until stop() signals (returns 0) or the socket fails
+// (returns the errno value).
+int listenForNotices(LinkMonitor::Listener& listener, const LinkState& target, const LinkMonitor::Callback& callback,
+                     std::optional<std::uint32_t> last) {
     std::vector<char> buffer(kBufferSize);
     for (;;) {
-        pollfd fds[2] = {{listener->wake, POLLIN, 0}, {listener->netlink, POLLIN, 0}};
+        pollfd fds[2] = {{listener.wake, POLLIN, 0}, {listener.netlink, POLLIN, 0}};
         const int ready = ::poll(fds, 2, -1);
         if (ready < 0) {
             if (errno == EINTR) continue;
-            return;
+            return errno;
         }
-        if (fds[0].revents != 0) return;  // stop() signalled
+        if (fds[0].revents != 0) return 0;  // stop() signalled
         if (fds[1].revents == 0) continue;
         // Drain every pending notice; the state is read afresh once per batch.
         // An overrun (ENOBUFS) only means notices were lost: the fresh read covers it.
         for (;;) {
-            const ssize_t got = ::recv(listener->netlink, buffer.data(), buffer.size(), MSG_DONTWAIT);
+            const ssize_t got = ::recv(listener.netlink, buffer.data(), buffer.size(), MSG_DONTWAIT);
             if (got > 0 || (got < 0 && (errno == EINTR || errno == ENOBUFS))) continue;
-            if (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK) return;
+            if (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK) return errno;
             break;
         }
-        const std::optional<std::uint32_t> now = target->flags();
+        const std::optional<std::uint32_t> now = target.flags();
         if (now != last) {
             last = now;
             try {
@@ -403,34 +406,64 @@ void runListener(std::shared_ptr<LinkMonitor::Listener> listener, const LinkStat
     }
 }
 
+void runListener(std::shared_ptr<LinkMonitor::Listener> listener, const LinkState* target,
+                 LinkMonitor::Callback callback, LinkMonitor::FailureCallback onFailure,
+                 std::optional<std::uint32_t> last) {
+    ::pthread_setname_np(::pthread_self(), "zub-linkmon");
+    const int error = listenForNotices(*listener, *target, callback, last);
+    if (error == 0) return;
+    listener->failed = true;
+    try {
+        if (onFailure) onFailure(error);
+    } catch (...) {
+        // The callback's failure is its own.
+    }
+}
+
 }  // namespace
 
-LinkMonitor::LinkMonitor(const LinkState& target, Callback callback)
-    : target_(target), callback_(std::move(callback)) {}
+LinkMonitor::LinkMonitor(const LinkState& target, Callback callback, FailureCallback onFailure)
+    : target_(target), callback_(std::move(callback)), onFailure_(std::move(onFailure)) {}
 
 LinkMonitor::~LinkMonitor() {
     stop();
 }
 
 bool LinkMonitor::start() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (listener_) return true;
-    auto listener = std::make_shared<Listener>();
-    Netlink nl(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR | RTMGRP_IPV6_ROUTE, true);
-    if (!nl.ok()) return false;
-    listener->netlink = nl.release();
-    listener->wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (listener->wake < 0) return false;
-    // Read after subscribing, so that no change between the two goes unseen.
-    const std::optional<std::uint32_t> baseline = target_.flags();
-    const Callback callback = callback_ ? callback_ : Callback([](std::uint32_t) {});
-    try {
-        thread_ = std::thread(runListener, listener, &target_, callback, baseline);
-    } catch (...) {
-        return false;
+    std::thread ended;  // a listener that ended on a failure, joined outside the lock
+    const bool running = [&] {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (listener_ && !listener_->failed) return true;
+        if (listener_) {
+            listener_.reset();
+            ended = std::move(thread_);
+        }
+        auto listener = std::make_shared<Listener>();
+        Netlink nl(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR | RTMGRP_IPV6_ROUTE,
+                   true);
+        if (!nl.ok()) return false;
+        listener->netlink = nl.release();
+        listener->wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (listener->wake < 0) return false;
+        // Read after subscribing, so that no change between the two goes unseen.
+        const std::optional<std::uint32_t> baseline = target_.flags();
+        const Callback callback = callback_ ? callback_ : Callback([](std::uint32_t) {});
+        try {
+            thread_ = std::thread(runListener, listener, &target_, callback, onFailure_, baseline);
+        } catch (...) {
+            return false;
+        }
+        listener_ = std::move(listener);
+        return true;
+    }();
+    if (ended.joinable()) {
+        if (ended.get_id() == std::this_thread::get_id()) {
+            ended.detach();  // restarted from its own failure callback: it ends when that returns
+        } else {
+            ended.join();
+        }
     }
-    listener_ = std::move(listener);
-    return true;
+    return running;
 }
 
 void LinkMonitor::stop() {
@@ -456,7 +489,7 @@ void LinkMonitor::stop() {
 
 bool LinkMonitor::isRunning() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return listener_ != nullptr;
+    return listener_ && !listener_->failed;
 }
 
 }  // namespace zub

@@ -10,7 +10,9 @@
 
 namespace zub {
 
-std::uint64_t addNotificationObserver(const std::string& name, NotificationObserver observer) {
+std::uint64_t addNotificationObserver(OptionalText nameText, NotificationObserver observer) {
+    // No name, as an empty one, observes every notification.
+    const std::string name = std::move(nameText).text().value_or("");
     if (!observer) {
         ZUBProHelper::LogDebug("[WARN]empty observer for notification %@ ignored", name);
         return 0;

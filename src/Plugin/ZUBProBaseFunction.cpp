@@ -9,23 +9,33 @@
 #include "Platform/SystemLog.h"
 #include "Pro/ZUBProGuard.h"
 
-void ZUBProBaseFunction::saveToKeyChain(const std::string& key, const zub::Value& dict) {
-    zubGuarded("saveToKeyChain", [&] { ZUBProStore::getInstance().saveToKeyChain(key, dict); });
+void ZUBProBaseFunction::saveToKeyChain(zub::OptionalText key, const zub::Value& dict) {
+    zubGuarded("saveToKeyChain", [&] {
+        if (!key.has_value()) {
+            ZUBProHelper::LogDebug("[WARN]saveToKeyChain: absent key, nothing stored");
+            return;
+        }
+        ZUBProStore::getInstance().saveToKeyChain(*key.text(), dict);
+    });
 }
 
-std::optional<zub::Value> ZUBProBaseFunction::loadFromKeyChain(const std::string& key) {
-    return zubGuarded("loadFromKeyChain", [&] { return ZUBProStore::getInstance().loadFromKeyChain(key); });
+std::optional<zub::Value> ZUBProBaseFunction::loadFromKeyChain(zub::OptionalText key) {
+    return zubGuarded("loadFromKeyChain", [&]() -> std::optional<zub::Value> {
+        if (!key.has_value()) return std::nullopt;
+        return ZUBProStore::getInstance().loadFromKeyChain(*key.text());
+    });
 }
 
-void ZUBProBaseFunction::logDebug(std::string_view format, const std::vector<std::string>& args) {
+void ZUBProBaseFunction::logDebug(zub::OptionalText format, const std::vector<std::string>& args) {
     if (!ZUBProConfig::getInstance().debugEnable()) return;
+    // The platform writes an absent format as "(null)".
     std::string prefixed = "[ZUBDebug] ";
-    prefixed.append(format);
+    prefixed.append(format.text().value_or("(null)"));
     zub::SystemLog::write(ZUBProHelper::formatMessage(prefixed, args));
 }
 
-std::optional<std::string> ZUBProBaseFunction::md5Encrypt(const std::optional<std::string>& text) {
-    return ZUBProHelper::md5encrypt(text);
+std::optional<std::string> ZUBProBaseFunction::md5Encrypt(zub::OptionalText text) {
+    return ZUBProHelper::md5encrypt(text.text());
 }
 
 std::optional<std::string> ZUBProBaseFunction::objToJson(const zub::Value& object) {
@@ -48,6 +58,6 @@ double ZUBProBaseFunction::getTimeStamp() {
     return zub::Clock::nowDouble();
 }
 
-zub::Value ZUBProBaseFunction::getOnlineProperty(const std::string& key) {
-    return ZUBPro::getOnlineProperty(key);
+zub::Value ZUBProBaseFunction::getOnlineProperty(zub::OptionalText key) {
+    return ZUBPro::getOnlineProperty(std::move(key));
 }

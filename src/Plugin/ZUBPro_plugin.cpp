@@ -5,6 +5,7 @@
 #include <ZUBCocoa/ZUBProEvent.h>
 
 #include "Common/ZUBProConfig.h"
+#include "Common/ZUBProHelper.h"
 #include "Model/ZUBProEnv.h"
 #include "Model/ZUBProUser.h"
 #include "Model/ZUBSessionEvent.h"
@@ -60,16 +61,62 @@ zub::Value buildServicesInfo() {
     return info;
 }
 
+// The dictionary every plug-in shares. Plug-ins read and change it from any
+// thread, so it lives under a lock of its own; recursive, so that an update whose
+// function calls the info operations again does not wait on itself.
+struct ServicesInfo {
+    std::recursive_mutex mutex;
+    zub::Value info;  // guarded by mutex
+};
+
+ServicesInfo& servicesInfo() {
+    // Built once, at the first use, under the static's guard; never destroyed.
+    static ServicesInfo* shared = [] {
+        zub::Value built = zubGuarded("getMainServicesInfo", [] { return buildServicesInfo(); });
+        auto* s = new ServicesInfo();
+        s->info = built.is_object() ? std::move(built) : zub::Value::object();
+        return s;
+    }();
+    return *shared;
+}
+
 }  // namespace
 
-const zub::Value& ZUBPro::getMainServicesInfo() {
-    // Built once under the static's guard; never changed afterwards, so readers on
-    // any thread share it without a lock.
-    static const zub::Value* info = [] {
-        zub::Value built = zubGuarded("getMainServicesInfo", [] { return buildServicesInfo(); });
-        return new zub::Value(built.is_object() ? std::move(built) : zub::Value::object());
-    }();
-    return *info;
+zub::Value ZUBPro::getMainServicesInfo() {
+    return zubGuarded("getMainServicesInfo", [] {
+        ServicesInfo& shared = servicesInfo();
+        std::lock_guard lock(shared.mutex);
+        return shared.info;
+    });
+}
+
+void ZUBPro::setMainServicesInfo(zub::OptionalText key, zub::Value value) {
+    if (!key.has_value()) {
+        ZUBProHelper::LogDebug("[WARN]setMainServicesInfo: absent key ignored");
+        return;
+    }
+    updateMainServicesInfo([&](zub::Value& info) {
+        if (value.is_null()) {
+            info.erase(*key.text());
+        } else {
+            info[*key.text()] = std::move(value);
+        }
+    });
+}
+
+void ZUBPro::updateMainServicesInfo(const std::function<void(zub::Value& info)>& update) {
+    zubGuarded("updateMainServicesInfo", [&] {
+        if (!update) return;
+        ServicesInfo& shared = servicesInfo();
+        std::lock_guard lock(shared.mutex);
+        zub::Value changed = shared.info;  // the dictionary changes only when the update succeeds
+        update(changed);
+        if (!changed.is_object()) {
+            ZUBProHelper::LogDebug("[WARN]updateMainServicesInfo: the result is no dictionary, nothing changed");
+            return;
+        }
+        shared.info = std::move(changed);
+    });
 }
 
 void ZUBPro::reportEvent(const std::shared_ptr<ZUBProEvent>& event) {

@@ -29,16 +29,27 @@ void ZUBEventLogic::startStatusMonitor() {
     reachability_ = ZUBProReachability::reachabilityForInternetConnection();
     if (!reachability_) return;
     const ZUBProReachability* reachability = reachability_.get();
-    statusMonitor_ = std::make_unique<zub::LinkMonitor>(reachability->handle(), [this, reachability](std::uint32_t flags) {
-        cachedStatus_.store(static_cast<std::int64_t>(reachability->networkStatusForFlags(flags)));
-    });
+    statusMonitor_ = std::make_unique<zub::LinkMonitor>(
+        reachability->handle(),
+        [this, reachability](std::uint32_t flags) {
+            cachedStatus_.store(static_cast<std::int64_t>(reachability->networkStatusForFlags(flags)));
+        },
+        [this, reachability](int error) {
+            // The cached status would never change again: from now on every check
+            // asks the kernel. The monitor fails at most once, so this logs once.
+            cachedStatus_.store(kStatusMonitorFailed);
+            ZUBProHelper::LogDebug("[WARN]reachability: watching %@ failed (error %@), asking at every check",
+                                   reachability->handle().description(), error);
+            statusMonitor_->stop();  // from its own thread: lets that thread end on its own
+        });
     if (!statusMonitor_->start()) {
         ZUBProHelper::LogDebug("reachability: cannot watch %@, asking at every check",
                                reachability->handle().description());
         return;
     }
     // Read after the monitor runs, so no change can fall between the two. A value
-    // the monitor stored meanwhile is kept: any change after it brings another notice.
+    // the monitor stored meanwhile (or its failure) is kept: any change after it
+    // brings another notice.
     std::int64_t unknown = kStatusUnknown;
     cachedStatus_.compare_exchange_strong(unknown,
                                           static_cast<std::int64_t>(reachability->currentReachabilityStatus()));
@@ -49,7 +60,7 @@ std::int64_t ZUBEventLogic::networkStatus() {
     // kernel's tables or for the monitor's thread.
     std::call_once(statusOnce_, [this] { startStatusMonitor(); });
     const std::int64_t cached = cachedStatus_.load();
-    if (cached != kStatusUnknown) return cached;
+    if (cached >= 0) return cached;
     return reachability_ ? static_cast<std::int64_t>(reachability_->currentReachabilityStatus()) : 0;
 }
 

@@ -27,7 +27,8 @@
 // Reading the kernel's tables costs a netlink round trip, so the status is kept up
 // to date by a link monitor (a listener thread, started at the first check, that
 // wakes only on the kernel's link, address and route notices) and read from
-// memory; where no monitor can run, every check asks the kernel.
+// memory; where no monitor can run, or once its listener has failed, every check
+// asks the kernel.
 #pragma once
 
 #include "Dal/ZUBEventDictionary.h"
@@ -149,8 +150,10 @@ private:
     std::once_flag statusOnce_;
     std::unique_ptr<ZUBProReachability> reachability_;
     std::unique_ptr<zub::LinkMonitor> statusMonitor_;
-    // The status the monitor last reported; kStatusUnknown until it runs.
+    // The status the monitor last reported; kStatusUnknown until it runs,
+    // kStatusMonitorFailed once its listener has ended on an error.
     static constexpr std::int64_t kStatusUnknown = -1;
+    static constexpr std::int64_t kStatusMonitorFailed = -2;
     std::atomic<std::int64_t> cachedStatus_{kStatusUnknown};
 
     // The journal and its bookkeeping, all guarded by eventListLock_.

@@ -85,19 +85,24 @@ void ZUBOnlineConfig::setAppCfg(Record v) {
     appCfg_ = std::move(v);
 }
 
-ZUBOnlineConfig::Record ZUBOnlineConfig::load(const char* key) {
+std::optional<ZUBOnlineConfig::Record> ZUBOnlineConfig::load(const char* key) {
     auto stored = ZUBProStore::getInstance().getNSDataForKey(key);
-    if (!stored || !stored->is_binary()) return nullptr;
-    const zub::Data bytes(stored->get_binary().begin(), stored->get_binary().end());
-    return zub::KeyedUnarchiver::unarchiveObjectWithData<ZUBProDataConfig>(bytes);
+    if (!stored) return std::nullopt;
+    Record record;
+    if (stored->is_binary()) {
+        const zub::Data bytes(stored->get_binary().begin(), stored->get_binary().end());
+        record = zub::KeyedUnarchiver::unarchiveObjectWithData<ZUBProDataConfig>(bytes);
+    }
+    if (!record) ZUBProHelper::LogDebug("[ERROR]stored configuration %@ cannot be read; it is left out", key);
+    return record;
 }
 
 void ZUBOnlineConfig::loadSDKConfig() {
-    if (auto record = load(kSDKConfigKey)) setSdkCfg(std::move(record));
+    if (auto record = load(kSDKConfigKey)) setSdkCfg(std::move(*record));
 }
 
 void ZUBOnlineConfig::loadAppConfig() {
-    if (auto record = load(kAppConfigKey)) setAppCfg(std::move(record));
+    if (auto record = load(kAppConfigKey)) setAppCfg(std::move(*record));
 }
 
 void ZUBOnlineConfig::store(const Record& record, const char* key) {

@@ -18,6 +18,7 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 class ZUBOnlineConfig {
@@ -28,6 +29,9 @@ public:
     ZUBOnlineConfig(const ZUBOnlineConfig&) = delete;
     ZUBOnlineConfig& operator=(const ZUBOnlineConfig&) = delete;
 
+    /// Read the stored record into sdkCfg / appCfg. Nothing stored leaves the
+    /// property as it is; stored bytes that do not read back as a record make it
+    /// absent (and are logged).
     void loadSDKConfig();
     void loadAppConfig();
     /// Copies "rs" of the SDK block into ZUBProConfig's reportStrategy.
@@ -58,7 +62,9 @@ public:
 
 private:
     ZUBOnlineConfig();
-    Record load(const char* key);
+    /// std::nullopt when nothing is stored under `key`; else the record read back,
+    /// null when the stored value is no readable record.
+    std::optional<Record> load(const char* key);
     void store(const Record& record, const char* key);
 
     mutable std::mutex mutex_;

@@ -39,9 +39,16 @@ void saveStore() {
 
 }  // namespace
 
-void ZUBPro::startWithAppKey(const std::optional<std::string>& appKey) {
+void ZUBPro::startWithAppKey(zub::OptionalText appKey) {
     zubGuarded("startWithAppKey", [&] {
-        config().setAppkey(appKey);
+        // Stored as given, without a check; only said, since such events go out
+        // without an application key and the collector cannot tell whose they are.
+        if (!appKey.has_value()) {
+            ZUBProHelper::LogDebug("[WARN]startWithAppKey: the application key is absent; events will carry no \"ky\"");
+        } else if (appKey.text()->empty()) {
+            ZUBProHelper::LogDebug("[WARN]startWithAppKey: the application key is empty; events will carry \"ky\":\"\"");
+        }
+        config().setAppkey(std::move(appKey).text());
         addNotification();
         ZUBOnlineConfig& online = ZUBOnlineConfig::getInstance();
         online.loadSDKConfig();
@@ -68,14 +75,14 @@ void ZUBPro::setSessionTimeoutSecs(std::uint64_t seconds) {
 void ZUBPro::setReportStrategy(std::int64_t strategy) {
     config().setReportStrategy(strategy);
 }
-void ZUBPro::setChannel(const std::optional<std::string>& channel) {
-    config().setZubChannel(channel);
+void ZUBPro::setChannel(zub::OptionalText channel) {
+    config().setZubChannel(std::move(channel).text());
 }
-void ZUBPro::setCustomAppVersion(const std::optional<std::string>& version) {
-    config().setCustomAppVersion(version);
+void ZUBPro::setCustomAppVersion(zub::OptionalText version) {
+    config().setCustomAppVersion(std::move(version).text());
 }
-void ZUBPro::setCustomUserID(const std::optional<std::string>& userID) {
-    config().setCustomUserID(userID);
+void ZUBPro::setCustomUserID(zub::OptionalText userID) {
+    config().setCustomUserID(std::move(userID).text());
 }
 void ZUBPro::setPeriodSecs(std::uint64_t seconds) {
     config().setPeriodSecs(seconds);
@@ -85,8 +92,11 @@ zub::Value ZUBPro::getDeviceIDs() {
     return zubGuarded("getDeviceIDs", [] { return ZUBProMid::getInstance().getDeviceIDs(); });
 }
 
-zub::Value ZUBPro::getOnlineProperty(const std::string& key) {
-    return zubGuarded("getOnlineProperty", [&] { return ZUBOnlineConfig::getInstance().getOnlineProperty(key); });
+zub::Value ZUBPro::getOnlineProperty(zub::OptionalText key) {
+    return zubGuarded("getOnlineProperty", [&] {
+        // An absent key names no property.
+        return key.has_value() ? ZUBOnlineConfig::getInstance().getOnlineProperty(*key.text()) : zub::Value("");
+    });
 }
 
 void ZUBPro::onDidApplicationBecomeActive() {
@@ -115,6 +125,7 @@ void ZUBPro::onWillApplicationWillTerminate() {
     zubGuarded("onWillApplicationWillTerminate", [] { saveStore(); });
 }
 
+// Hooks of the platform build: this build attaches nothing.
 void ZUBPro::addNotification() {}
 
 void ZUBPro::initialize() {}

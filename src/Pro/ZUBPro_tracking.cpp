@@ -10,14 +10,15 @@
 #include "Model/ZUBProCustomEvent.h"
 #include "Pro/ZUBProGuard.h"
 
-void ZUBPro::trackPageViewBegin(const std::optional<std::string>& page) {
-    zubGuarded("trackPageViewBegin", [&] { ZUBPageEvent::reportPageEventBegin(page); });
+void ZUBPro::trackPageViewBegin(zub::OptionalText page) {
+    zubGuarded("trackPageViewBegin", [&] { ZUBPageEvent::reportPageEventBegin(page.text()); });
 }
-void ZUBPro::trackPageViewEnd(const std::optional<std::string>& page) {
-    zubGuarded("trackPageViewEnd", [&] { ZUBPageEvent::reportPageEventEnd(page); });
+void ZUBPro::trackPageViewEnd(zub::OptionalText page) {
+    zubGuarded("trackPageViewEnd", [&] { ZUBPageEvent::reportPageEventEnd(page.text()); });
 }
-void ZUBPro::trackPage(const std::optional<std::string>& page, std::uint64_t duration) {
-    zubGuarded("trackPage", [&] { ZUBPageEvent::reportPageEventDuration(page, static_cast<std::int64_t>(duration)); });
+void ZUBPro::trackPage(zub::OptionalText page, std::uint64_t duration) {
+    zubGuarded("trackPage",
+               [&] { ZUBPageEvent::reportPageEventDuration(page.text(), static_cast<std::int64_t>(duration)); });
 }
 void ZUBPro::trackActiveBegin() {
     zubGuarded("trackActiveBegin", [] { ZUBProActiveEvent::trackActiveBegin(); });
@@ -25,24 +26,23 @@ void ZUBPro::trackActiveBegin() {
 void ZUBPro::trackActiveEnd() {
     zubGuarded("trackActiveEnd", [] { ZUBProActiveEvent::trackActiveEnd(); });
 }
-void ZUBPro::trackCustomEvent(const std::optional<std::string>& eventID, zub::Value dict) {
-    zubGuarded("trackCustomEvent", [&] { ZUBProCustomEvent::reportCustomEvent(eventID, std::move(dict)); });
+void ZUBPro::trackCustomEvent(zub::OptionalText eventID, zub::Value dict) {
+    zubGuarded("trackCustomEvent", [&] { ZUBProCustomEvent::reportCustomEvent(eventID.text(), std::move(dict)); });
 }
-void ZUBPro::trackCustomEventBegin(const std::optional<std::string>& eventID, const zub::Value& dict) {
-    zubGuarded("trackCustomEventBegin", [&] { ZUBProCustomEvent::reportCustomEventBegin(eventID, dict); });
+void ZUBPro::trackCustomEventBegin(zub::OptionalText eventID, const zub::Value& dict) {
+    zubGuarded("trackCustomEventBegin", [&] { ZUBProCustomEvent::reportCustomEventBegin(eventID.text(), dict); });
 }
-void ZUBPro::trackCustomEventEnd(const std::optional<std::string>& eventID, zub::Value dict) {
-    zubGuarded("trackCustomEventEnd", [&] { ZUBProCustomEvent::reportCustomEventEnd(eventID, std::move(dict)); });
+void ZUBPro::trackCustomEventEnd(zub::OptionalText eventID, zub::Value dict) {
+    zubGuarded("trackCustomEventEnd",
+               [&] { ZUBProCustomEvent::reportCustomEventEnd(eventID.text(), std::move(dict)); });
 }
-void ZUBPro::trackCustomEventDuration(const std::optional<std::string>& eventID, zub::Value dict,
-                                      std::int64_t duration) {
+void ZUBPro::trackCustomEventDuration(zub::OptionalText eventID, zub::Value dict, std::int64_t duration) {
     zubGuarded("trackCustomEventDuration",
-               [&] { ZUBProCustomEvent::reportCustomEventDuration(eventID, std::move(dict), duration); });
+               [&] { ZUBProCustomEvent::reportCustomEventDuration(eventID.text(), std::move(dict), duration); });
 }
-void ZUBPro::reportLM(const std::optional<std::string>& account) {
-    zubGuarded("reportLM", [&] { ZUBLMEvent::reportLM(account); });
+void ZUBPro::reportLM(zub::OptionalText account) {
+    zubGuarded("reportLM", [&] { ZUBLMEvent::reportLM(account.text()); });
 }
-void ZUBPro::reportAccount(const std::optional<std::string>& account, std::uint64_t type,
-                           const std::optional<std::string>& ext) {
-    zubGuarded("reportAccount", [&] { ZUBProAccountEvent::reportAccount(account, type, ext); });
+void ZUBPro::reportAccount(zub::OptionalText account, std::uint64_t type, zub::OptionalText ext) {
+    zubGuarded("reportAccount", [&] { ZUBProAccountEvent::reportAccount(account.text(), type, ext.text()); });
 }

@@ -36,9 +36,10 @@ TEST(ZUBProCustomEvent, ImmediateEventsCarryTheirPairsAsGiven) {
     ZUBPro::trackCustomEventDuration("play", {{"song", "x"}}, 5);
     ZUBPro::trackCustomEventDuration("skip", zub::Value(), 0);
     ZUBPro::trackCustomEvent(std::nullopt, {{"a", 1}});              // not checked: no "ei"
+    ZUBPro::trackCustomEventDuration("rewind", zub::Value(), -5);   // sent as the unsigned number
 
     auto events = filedEvents<ZUBProCustomEvent>();
-    ASSERT_EQ(events.size(), 6u);
+    ASSERT_EQ(events.size(), 7u);
     for (const auto& e : events) {
         EXPECT_EQ(e->type(), 1000);
         EXPECT_TRUE(e->isImportant());
@@ -63,6 +64,27 @@ TEST(ZUBProCustomEvent, ImmediateEventsCarryTheirPairsAsGiven) {
     const zub::Value anonymous = jsonOf(*events[5]);
     EXPECT_FALSE(anonymous.contains("ei"));
     EXPECT_EQ(anonymous["kv"]["a"], 1);
+
+    const zub::Value rewind = jsonOf(*events[6]);
+    ASSERT_TRUE(rewind["du"].is_number_unsigned());
+    EXPECT_EQ(rewind["du"].get<std::uint64_t>(), 18446744073709551611u);
+}
+
+TEST(ZUBProCustomEvent, TextThatIsNotUtf8IsNamedInTheLogAndNotSent) {
+    zubtest::SteppingClock clock;
+    zubtest::LogCapture log;
+    ZUBPro::trackCustomEvent("buy", {{"item", "caf\xe9"}});
+    ZUBPro::trackCustomEvent("s\xffll");
+    const auto events = filedEvents<ZUBProCustomEvent>();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0]->toJsonString(), "");
+    EXPECT_EQ(events[1]->toJsonString(), "");
+    // The platform's own line stays; the event, its key and the reason follow.
+    EXPECT_TRUE(log.has("[ZUBDebug] exception :%"));
+    EXPECT_TRUE(log.has("[ZUBDebug] [ERROR]event of type 1000 (m5 " + events[0]->md5().value_or("?") +
+                        ") cannot be written as JSON and is not sent: the text under \"kv.item\" is not UTF-8"));
+    EXPECT_TRUE(log.contains("(m5 " + events[1]->md5().value_or("?") +
+                             ") cannot be written as JSON and is not sent: the text under \"ei\" is not UTF-8"));
 }
 
 TEST(ZUBProCustomEvent, PairsThatAreNoDictionaryAreLoggedAndLeftOut) {

@@ -5,8 +5,13 @@
 #include "Common/ZUBProConfig.h"
 #include "Common/ZUBProHelper.h"
 #include "Dal/ZUBEventDal.h"
+#include "Model/ZUBProEnv.h"
+#include "support/FakeRoot.h"
+#include "support/FiledEvents.h"
 #include "support/ManualClock.h"
 #include "support/ReportPipeline.h"
+
+#include <ZUBCocoa/ZUBPlatform.h>
 
 #include <gtest/gtest.h>
 
@@ -75,6 +80,28 @@ TEST(ZUBSessionEvent, AnActiveCallAfterTheTimeOutOpensANewSession) {
     const std::string text =
         std::to_string(second) + std::to_string(e->ts()) + "2" + std::to_string(ZUBSessionEvent::generateSessionID());
     EXPECT_EQ(e->md5(), ZUBProHelper::md5encrypt(text));
+}
+
+TEST(ZUBSessionEvent, CarriesTheBundleIdentifierAndTheJailbreakProbe) {
+    inUTC();
+    ManualClock clock;
+    clock.setSeconds(kNoon);
+    zubtest::FakeRoot root;  // a machine with none of the probe's paths
+    zub::setBundleInfo("CFBundleIdentifier", "com.example.session");
+    ZUBSessionEvent::getSessionID(true);
+    const auto events = sessionEvents();
+    ASSERT_EQ(events.size(), 1u);
+    zub::Value json = zubtest::jsonOf(*events[0]);
+    EXPECT_EQ(json["bdid"], "com.example.session");
+    ASSERT_FALSE(ZUBProHelper::isJailbroken());
+    EXPECT_FALSE(json.contains("jb"));
+
+    // "/etc/apt", present on every Debian-family system, is one of the probe's signs.
+    root.mkdir("/etc/apt");
+    ASSERT_TRUE(ZUBProHelper::isJailbroken());
+    ZUBProEnv::getInstance().setJailbroken(ZUBProHelper::isJailbroken());  // as a fresh process reads it
+    json = zubtest::jsonOf(*events[0]);
+    EXPECT_EQ(json["jb"], 1);
 }
 
 TEST(ZUBSessionEvent, LocalMidnightEndsASessionWhicheverTheFlag) {

@@ -54,7 +54,7 @@ TEST(ZUBProPlugin, ServicesInfoIsBuiltOnceWithWhatIsKnown) {
     ZUBProUser::getInstance().setUserType(0);
     useSdkConfig(R"({"__ZUB_TEST_SPEED__":{"url":"http://speed"}})");
 
-    const zub::Value& info = ZUBPro::getMainServicesInfo();
+    const zub::Value info = ZUBPro::getMainServicesInfo();
     EXPECT_EQ(info[kZUBInfoAppKey], "app-1");
     EXPECT_EQ(info[kZUBInfoChannel], "web");
     EXPECT_EQ(info[kZUBInfoMid], "IDFV-1") << "the mid key holds the vendor identifier";
@@ -65,10 +65,24 @@ TEST(ZUBProPlugin, ServicesInfoIsBuiltOnceWithWhatIsKnown) {
     EXPECT_EQ(info[kZUBInfoSpeedTest]["url"], "http://speed");
     EXPECT_EQ(std::string(kZUBInfoSDKVer), "KEY_ZUB_INF_SDK_VER");
 
-    // Built once: later changes do not show, and it is the same object.
+    // Built once: later changes of the configuration do not show.
     ZUBProConfig::getInstance().setAppkey("app-2");
-    EXPECT_EQ(&ZUBPro::getMainServicesInfo(), &info);
-    EXPECT_EQ(ZUBPro::getMainServicesInfo()[kZUBInfoAppKey], "app-1");
+    EXPECT_EQ(ZUBPro::getMainServicesInfo(), info);
+
+    // Plug-ins publish their own entries; a null value removes one; an update
+    // whose result is no dictionary, or that throws, changes nothing.
+    ZUBPro::setMainServicesInfo(kZUBInfoHotfix, {{"patch", 3}});
+    ZUBPro::setMainServicesInfo(kZUBInfoChannel, zub::Value());
+    ZUBPro::updateMainServicesInfo([](zub::Value& shared) { shared = 5; });
+    ZUBPro::updateMainServicesInfo([](zub::Value& shared) {
+        shared.clear();
+        throw std::runtime_error("plug-in bug");
+    });
+    const zub::Value changed = ZUBPro::getMainServicesInfo();
+    EXPECT_EQ(changed[kZUBInfoHotfix]["patch"], 3);
+    EXPECT_FALSE(changed.contains(kZUBInfoChannel));
+    EXPECT_EQ(changed[kZUBInfoAppKey], "app-1");
+    EXPECT_EQ(changed.size(), info.size());
 }
 
 TEST(ZUBProPlugin, ReturningUserAndUnreadableSpeedConfig) {
@@ -76,7 +90,7 @@ TEST(ZUBProPlugin, ReturningUserAndUnreadableSpeedConfig) {
     ZUBProEnv::getInstance().setModulename("Desk1,1");
     ZUBProEnv::getInstance().setWf("net");
     useSdkConfig(R"(["__ZUB_TEST_SPEED__"])");  // an array: no speed-test key
-    const zub::Value& info = ZUBPro::getMainServicesInfo();
+    const zub::Value info = ZUBPro::getMainServicesInfo();
     EXPECT_EQ(info[kZUBInfoUserType], 2);
     EXPECT_EQ(info[kZUBInfoNet], "net");
     EXPECT_FALSE(info.contains(kZUBInfoSpeedTest));
@@ -156,14 +170,19 @@ TEST(ZUBProPluginConcurrency, PluginsOnManyThreadsShareOneInfoAndSeeEveryStart) 
     constexpr int kThreads = 8;
     std::atomic<int> calls{0};
     std::vector<std::thread> threads;
-    std::vector<const zub::Value*> seen(kThreads, nullptr);
     std::latch go(kThreads + 1);
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             go.arrive_and_wait();
-            seen[t] = &ZUBPro::getMainServicesInfo();
+            // Every plug-in adds its own entry and counts in a shared one.
+            const std::string own = "plugin-" + std::to_string(t);
+            ZUBPro::setMainServicesInfo(own, t);
             // Observers come and go while the library starts on another thread.
             for (int i = 0; i < 50; ++i) {
+                ZUBPro::updateMainServicesInfo([](zub::Value& info) {
+                    info[kZUBInfoLM] = info.value(kZUBInfoLM, 0) + 1;
+                });
+                EXPECT_EQ(ZUBPro::getMainServicesInfo()[own], t);
                 const auto id = zub::addNotificationObserver(ZUBProMainServiceStartNotification,
                                                              [&](const std::string&) { ++calls; });
                 auto event = std::make_shared<ProbeEvent>("t" + std::to_string(t) + "-" + std::to_string(i));
@@ -178,7 +197,9 @@ TEST(ZUBProPluginConcurrency, PluginsOnManyThreadsShareOneInfoAndSeeEveryStart) 
     ZUBPro::startWithAppKey("concurrent-app");
     for (auto& thread : threads) thread.join();
 
-    for (const auto* info : seen) EXPECT_EQ(info, seen[0]);
+    const zub::Value info = ZUBPro::getMainServicesInfo();
+    EXPECT_EQ(info[kZUBInfoLM], kThreads * 50) << "no update was lost";
+    for (int t = 0; t < kThreads; ++t) EXPECT_EQ(info["plugin-" + std::to_string(t)], t);
     EXPECT_EQ(zubtest::filedEvents<ProbeEvent>().size(), static_cast<std::size_t>(kThreads * 50));
     // After every observer is removed, a start reaches none of them.
     const int before = calls.load();

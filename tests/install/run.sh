@@ -3,6 +3,8 @@
 # against it twice: with CMake's find_package(ZUBCocoa) (shared and static
 # targets) and with pkg-config (shared, and static with the private
 # requirements). Each program registers with the installed zub-collector.
+# Last, the C++ snippets of README.md (each marked "<!-- snippet: NAME ... -->")
+# are built as they stand with the pkg-config flags.
 #
 #   run.sh BUILD_DIR WORK_DIR CXX_COMPILER GENERATOR [SANITIZE]
 set -euo pipefail
@@ -84,5 +86,26 @@ if ldd "$work/pc-static" | grep -q libZUBCocoa; then
 fi
 run "pkg-config, shared" "$work/pc-shared"
 run "pkg-config, static" "$work/pc-static"
+
+# The C++ block that follows "<!-- snippet: NAME" in README.md.
+snippet() {
+  awk -v marker="<!-- snippet: $1 " '
+    index($0, marker) == 1 { armed = 1; next }
+    armed && $0 == "```cpp" { inside = 1; next }
+    inside && $0 == "```" { exit }
+    inside { print }' "$here/../../README.md"
+}
+step "the README's snippets"
+for name in host privacy; do
+  snippet "$name" >"$work/snippet-$name.cpp"
+  [ -s "$work/snippet-$name.cpp" ] || { echo "README.md has no snippet \"$name\"" >&2; exit 1; }
+  "$cxx" -std=c++20 -Wall -Wextra -Werror "${flags[@]}" "${cflags[@]}" -c "$work/snippet-$name.cpp" \
+    -o "$work/snippet-$name.o"
+  echo "   $name: compiles"
+done
+# The host snippet is a whole program: it links too (it is not run: it would
+# report to the example collector it names).
+"$cxx" "${flags[@]}" "$work/snippet-host.o" -o "$work/snippet-host" "${libs[@]}" -Wl,-rpath,"$libdir"
+echo "   host: links"
 
 echo "install test passed"

@@ -4,7 +4,7 @@
 #include "Platform/MacAddress.h"
 
 std::optional<zub::Data> GetMACAddress() {
-    return zub::MacAddress::read("en0");
+    return zub::MacAddress::primary();
 }
 
 std::optional<std::string> GetMACAddressDisplayString() {

@@ -34,7 +34,11 @@ std::unique_ptr<ZUBProReachability> ZUBProReachability::wrap(std::unique_ptr<zub
     ZUBProReachability* self = wrapper.get();
     const zub::LinkState& target = *self->_reachabilityRef;
     wrapper->monitor_.reset(new (std::nothrow) zub::LinkMonitor(
-        target, [self, &target](std::uint32_t flags) { ReachabilityCallback(target, flags, self); }));
+        target, [self, &target](std::uint32_t flags) { ReachabilityCallback(target, flags, self); },
+        [&target](int error) {
+            ZUBProHelper::LogDebug("[WARN]reachability: watching %@ failed (error %@), the notifier has stopped",
+                                   target.description(), error);
+        }));
     if (!wrapper->monitor_) return nullptr;
     return wrapper;
 }

@@ -50,7 +50,9 @@ public:
     ZUBProReachability(const ZUBProReachability&) = delete;
     ZUBProReachability& operator=(const ZUBProReachability&) = delete;
 
-    /// Starts watching for changes (see above). True when watching.
+    /// Starts watching for changes (see above). True when watching. Should the
+    /// watch fail later (the kernel's notices can no longer be read), it stops,
+    /// says so in the debug log, and a new startNotifier() watches again.
     bool startNotifier();
     /// Stops watching; nothing when not started.
     void stopNotifier();

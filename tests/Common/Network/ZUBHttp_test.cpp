@@ -3,8 +3,11 @@
 #include "Common/ZUBProHelper.h"
 #include "support/LogCapture.h"
 #include "support/LoopbackServer.h"
+#include "support/NetNamespace.h"
 
 #include <gtest/gtest.h>
+
+#include <curl/curl.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -153,6 +156,65 @@ TEST(ZUBHttp, ConnectionErrorsGiveTheErrorDictionary) {
 
     // A URL that cannot be a request at all gives nothing.
     EXPECT_FALSE(ZUBHttp::getInstance().httpPost(bodyOfLength(20), 1, ""));
+
+    // A name that cannot be looked up is an unknown host while the machine has a
+    // default route, and "offline" (a network failure for the report pipeline)
+    // while it has none.
+    EXPECT_EQ(zub::HttpClient::errorFor(CURLE_COULDNT_RESOLVE_HOST, 0, true).code, -1003);
+    EXPECT_EQ(zub::HttpClient::errorFor(CURLE_COULDNT_RESOLVE_HOST, 0, false).code, -1009);
+    EXPECT_EQ(zub::HttpClient::errorFor(CURLE_COULDNT_CONNECT, ENETUNREACH, true).code, -1009);
+    EXPECT_EQ(zub::HttpClient::errorFor(CURLE_COULDNT_CONNECT, ECONNREFUSED, false).code, -1004);
+    EXPECT_EQ(zub::HttpClient::errorFor(CURLE_COULDNT_RESOLVE_HOST, 0, false, "x.invalid").fullDescription(),
+              "Error Domain=NSURLErrorDomain Code=-1009 \"The Internet connection appears to be offline. (x.invalid)\"");
+}
+
+TEST(ZUBHttp, RedirectsAreFollowedAsThePlatformDoes) {
+    LoopbackServer server;
+    Received received;
+    for (int status : {301, 302, 303, 307, 308}) {
+        server.server().Post("/moved/" + std::to_string(status), [status](const httplib::Request&, httplib::Response& res) {
+            res.set_redirect("/target", status);
+        });
+    }
+    server.server().Post("/loop", [](const httplib::Request&, httplib::Response& res) { res.set_redirect("/loop", 307); });
+    const auto target = [&received](const httplib::Request& req, httplib::Response& res) {
+        std::lock_guard lock(received.mutex);
+        received.method = req.method;
+        received.encoding = req.get_header_value("Content-Encoding");
+        received.wire.assign(req.body.begin(), req.body.end());
+        ++received.count;
+        const zub::Data reply = zub::WireCodec::wrapReplyText(R"({"ret":0,"method":")" + req.method + "\"}", kKey);
+        res.set_content(std::string(reply.begin(), reply.end()), "text/plain");
+    };
+    server.server().Post("/target", target);
+    server.server().Get("/target", target);
+    server.start();
+
+    const zub::Data body = bodyOfLength(300);
+    for (int status : {301, 302, 303, 307, 308}) {
+        auto reply = ZUBHttp::getInstance().httpPost(body, 10, server.url("/moved/" + std::to_string(status)));
+        ASSERT_TRUE(reply && reply->is_object()) << status;
+        // 307 and 308 repeat the POST with its body; the others continue as a GET.
+        const bool keepsPost = status >= 307;
+        EXPECT_EQ((*reply)["method"], keepsPost ? "POST" : "GET") << status;
+        std::lock_guard lock(received.mutex);
+        EXPECT_EQ(received.method, keepsPost ? "POST" : "GET") << status;
+        if (keepsPost) {
+            EXPECT_EQ(received.encoding, "rc4,gzip") << status;
+            const auto unwrapped = zub::WireCodec::unwrapRequest(received.wire, received.encoding, kKey);
+            ASSERT_TRUE(unwrapped.plain) << status << ": " << unwrapped.error;
+            EXPECT_EQ(*unwrapped.plain, body) << status;
+        } else {
+            EXPECT_TRUE(received.wire.empty()) << status;
+        }
+    }
+
+    // A redirect loop ends after ten hops with the platform's error.
+    auto looped = ZUBHttp::getInstance().httpPost(body, 10, server.url("/loop"));
+    ASSERT_TRUE(looped && looped->contains(responseErrorKey));
+    EXPECT_EQ((*looped)[responseErrorKey]["code"], -1007);
+    std::lock_guard lock(received.mutex);
+    EXPECT_EQ(received.count, 5);
 }
 
 TEST(ZUBHttp, UndecodableRepliesGiveNothing) {
@@ -217,4 +279,29 @@ TEST(ZUBHttp, PostsFromOneThreadReuseTheConnection) {
     ASSERT_EQ(remotePorts.size(), 3u);
     EXPECT_EQ(remotePorts[0], remotePorts[1]);
     EXPECT_EQ(remotePorts[1], remotePorts[2]);
+}
+
+TEST(ZUBHttpNetns, EventsFailingOfflineAtNameLookupWaitUntilACollectorIsReachable) {
+    zubtest::NetNamespace ns("pipeline_netns_helper");
+    if (!ns.problem().empty()) GTEST_SKIP() << "network namespace tests need root: " << ns.problem();
+    ASSERT_EQ(ns.ip("link set lo up"), 0);
+    const std::string serving = ns.ask("serve");
+    ASSERT_EQ(serving.rfind("serving http://127.0.0.1:", 0), 0u) << serving;
+
+    // No default route: the report host's name cannot be looked up. That is
+    // "offline": every cycle attempts all four events and counts no attempt.
+    ASSERT_EQ(ns.ask("start http://collector.invalid/mstat/report"), "started 4");
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(ns.ask("cycle"), "cycle attempted 4 retried 0 waiting 4 retry 0 unknown-host 0") << "cycle " << i;
+    }
+
+    // Back online: a route, and a collector the device reaches (a numeric address,
+    // so that no resolver of the machine is involved).
+    if (!ns.addLink()) GTEST_SKIP() << "no veth links can be made in a namespace here";
+    ASSERT_EQ(ns.ip("route add default dev zv0"), 0);
+    ASSERT_EQ(ns.ask("url " + serving.substr(8) + "/mstat/report"), "url set");
+    EXPECT_EQ(ns.ask("cycle"), "cycle attempted 0 retried 0 waiting 0 retry 0 unknown-host 0");
+    EXPECT_EQ(ns.ask("arrived"), "arrived 4 waiting 0");
+    ns.finish();
+    EXPECT_EQ(ns.exitCode(), 0);
 }

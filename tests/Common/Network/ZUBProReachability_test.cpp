@@ -1,7 +1,7 @@
 #include "Common/Network/ZUBProReachability.h"
 #include "Common/ZUBProHelper.h"
 #include "Platform/NotificationCenter.h"
-#include "support/ChildProcess.h"
+#include "support/NetNamespace.h"
 
 #include <gtest/gtest.h>
 
@@ -12,69 +12,12 @@
 
 #include <filesystem>
 
-using zubtest::ChildProcess;
-
 namespace {
 
-// The helper program in a network namespace of its own, plus `ip` run inside that
-// namespace. The namespace has no name and ends with the helper, also when a test
-// fails half-way.
-class Namespace {
+// The helper program in a network namespace of its own.
+class Namespace : public zubtest::NetNamespace {
 public:
-    Namespace() : child_({std::string(ZUB_TEST_BIN_DIR) + "/reachability_netns_helper"}) {
-        first_ = child_.readLine().value_or("(no answer)");
-    }
-    ~Namespace() {
-        child_.writeLine("quit");
-        child_.closeInput();
-    }
-    // "" when the namespace is there, else why not.
-    std::string problem() const {
-        if (!child_.started()) return "the helper program did not start";
-        if (first_ == "ready") return "";
-        return first_;
-    }
-    int ip(const std::string& args) {
-        std::vector<std::string> argv{"nsenter", "--net=/proc/" + std::to_string(child_.pid()) + "/ns/net", "ip"};
-        std::size_t pos = 0;
-        while (pos < args.size()) {
-            const auto end = std::min(args.find(' ', pos), args.size());
-            argv.push_back(args.substr(pos, end - pos));
-            pos = end + 1;
-        }
-        return ChildProcess::run(argv);
-    }
-    std::string ask(const std::string& command) {
-        child_.writeLine(command);
-        return child_.readLine().value_or("(no answer)");
-    }
-    std::string next() { return child_.readLine().value_or("(no answer)"); }
-    // Everything the helper still prints until it exits after "quit".
-    std::vector<std::string> finish() {
-        child_.writeLine("quit");
-        child_.closeInput();
-        std::vector<std::string> rest;
-        while (auto line = child_.readLine()) rest.push_back(*line);
-        exitCode_ = child_.wait();
-        return rest;
-    }
-    int exitCode() const { return exitCode_; }
-
-    // A veth pair zv0/zv1, both up, so zv0 has its carrier.
-    bool addLink() {
-        return ip("link add zv0 type veth peer name zv1") == 0 && ip("link set zv0 up") == 0 &&
-               ip("link set zv1 up") == 0 && carrier(true);
-    }
-    // Waits (on the kernel's notices) until zv0's carrier is as wanted.
-    bool carrier(bool on) {
-        const std::string want = std::string("carrier zv0 ") + (on ? "1" : "0");
-        return ask(want) == want;
-    }
-
-private:
-    ChildProcess child_;
-    std::string first_;
-    int exitCode_ = -1;
+    Namespace() : NetNamespace("reachability_netns_helper") {}
 };
 
 #define REQUIRE_NAMESPACE(ns)                                                                    \
@@ -264,6 +207,32 @@ TEST(ZUBProReachabilityNetns, WifiProbeFindsNoWirelessInterface) {
     ASSERT_EQ(ns.ip("route add default dev zv0"), 0);
     // A wired link with a route is no wireless network.
     EXPECT_EQ(ns.ask("wifi"), R"(wifi {"ss":"Not Found","bs":"Not Found"})");
+    ns.finish();
+    EXPECT_EQ(ns.exitCode(), 0);
+}
+
+TEST(ZUBProReachabilityNetns, TheReportQueueAsksTheKernelOnceItsWatchFails) {
+    zubtest::NetNamespace ns("pipeline_netns_helper");
+    if (!ns.problem().empty()) GTEST_SKIP() << "network namespace tests need root: " << ns.problem();
+    ASSERT_EQ(ns.ip("link set lo up"), 0);
+    if (!ns.addLink()) GTEST_SKIP() << "no veth links can be made in a namespace here";
+    const std::string serving = ns.ask("serve");
+    ASSERT_EQ(serving.rfind("serving http://127.0.0.1:", 0), 0u) << serving;
+
+    // Offline, smart reporting waits: the queue's watch knows there is no route.
+    ASSERT_EQ(ns.ask("start " + serving.substr(8) + "/mstat/report"), "started 4");
+    EXPECT_EQ(ns.ask("arrived"), "arrived 0 waiting 4");
+
+    // The watch fails at the next notice: the new route is never seen through it.
+    ASSERT_EQ(ns.ask("break-watch"), "broken");
+    ASSERT_EQ(ns.ip("route add default dev zv0"), 0);
+    ASSERT_EQ(ns.ask("await [WARN]reachability: watching"), "seen");
+    // The next check asks the kernel, finds the route, and smart reporting sends.
+    EXPECT_EQ(ns.ask("track"), "tracked");
+    EXPECT_EQ(ns.ask("arrived"), "arrived 5 waiting 0");
+    EXPECT_EQ(ns.ask("track"), "tracked");
+    EXPECT_EQ(ns.ask("arrived"), "arrived 6 waiting 0");
+    EXPECT_EQ(ns.ask("count [WARN]reachability: watching"), "count 1") << "logged once";
     ns.finish();
     EXPECT_EQ(ns.exitCode(), 0);
 }

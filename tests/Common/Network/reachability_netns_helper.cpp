@@ -26,16 +26,10 @@
 #include "Common/Network/ZUBProReachability.h"
 #include "Common/ZUBProHelper.h"
 #include "Platform/NotificationCenter.h"
+#include "support/NetNamespace.h"
 
 #include <arpa/inet.h>
-#include <linux/netlink.h>
-#include <linux/rtnetlink.h>
-#include <net/if.h>
-#include <poll.h>
 #include <sched.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -69,40 +63,6 @@ std::unique_ptr<ZUBProReachability> forAddressText(const std::string& text) {
         return ZUBProReachability::reachabilityWithAddress(reinterpret_cast<sockaddr*>(&in6));
     }
     return nullptr;
-}
-
-bool running(const std::string& ifname) {
-    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return false;
-    ifreq req{};
-    std::strncpy(req.ifr_name, ifname.c_str(), IFNAMSIZ - 1);
-    const bool up = ::ioctl(fd, SIOCGIFFLAGS, &req) == 0 && (req.ifr_flags & IFF_RUNNING) != 0;
-    ::close(fd);
-    return up;
-}
-
-// Waits on the kernel's link notices (not on a timer) until the carrier is as wanted.
-bool awaitCarrier(const std::string& ifname, bool wanted) {
-    const int nl = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
-    if (nl < 0) return false;
-    sockaddr_nl local{};
-    local.nl_family = AF_NETLINK;
-    local.nl_groups = RTMGRP_LINK;
-    bool reached = false;
-    if (::bind(nl, reinterpret_cast<sockaddr*>(&local), sizeof local) == 0) {
-        char buffer[16384];
-        for (int events = 0; events < 1000; ++events) {
-            if (running(ifname) == wanted) {
-                reached = true;
-                break;
-            }
-            pollfd p{nl, POLLIN, 0};
-            if (::poll(&p, 1, 10000) <= 0) break;
-            if (::recv(nl, buffer, sizeof buffer, 0) < 0 && errno != ENOBUFS && errno != EINTR) break;
-        }
-    }
-    ::close(nl);
-    return reached;
 }
 
 // Start/stop cycles on fresh and shared wrappers while other threads post the
@@ -207,7 +167,7 @@ int main() {
             const auto sep = arg.find(' ');
             const std::string ifname = arg.substr(0, sep);
             const bool wanted = sep != std::string::npos && arg.substr(sep + 1) == "1";
-            say(awaitCarrier(ifname, wanted) ? "carrier " + arg : std::string("timeout"));
+            say(zubtest::awaitCarrier(ifname, wanted) ? "carrier " + arg : std::string("timeout"));
         } else if (command == "wifi") {
             say("wifi " + ZUBProHelper::fetchSSIDInfo());
         } else if (command == "churn") {

@@ -1,0 +1,61 @@
+// A helper program that runs in a network namespace of its own (it calls
+// unshare() at its start), so a test can change links and routes with `ip`,
+// entered into that namespace with nsenter, without touching the machine's real
+// network. The namespace has no name and ends with the helper, also when a test
+// fails half-way. Such tests need root; without it the helper says why.
+//
+//   zubtest::NetNamespace ns("reachability_netns_helper");
+//   if (!ns.problem().empty()) GTEST_SKIP() << ns.problem();
+//   ASSERT_EQ(ns.ip("link set lo up"), 0);
+//   EXPECT_EQ(ns.ask("status"), "status 0 ...");
+//
+// The helper's side of the protocol: it prints "ready" once inside the namespace
+// (or "skip <reason>" and exits 77), then answers one line per command line, and
+// exits 0 on "quit".
+#pragma once
+
+#include "support/ChildProcess.h"
+
+#include <string>
+#include <vector>
+
+namespace zubtest {
+
+class NetNamespace {
+public:
+    /// Starts the helper program `name` (built next to the tests).
+    explicit NetNamespace(const std::string& name);
+    ~NetNamespace();
+    NetNamespace(const NetNamespace&) = delete;
+    NetNamespace& operator=(const NetNamespace&) = delete;
+
+    /// "" when the namespace is there, else why not.
+    std::string problem() const;
+    /// Runs `ip` with the blank-separated `args` inside the namespace; its exit code.
+    int ip(const std::string& args);
+    /// Sends a command and returns the helper's next line.
+    std::string ask(const std::string& command);
+    /// The helper's next line (for lines it prints unasked).
+    std::string next();
+    /// Sends "quit" and returns everything the helper still prints until it exits.
+    std::vector<std::string> finish();
+    int exitCode() const { return exitCode_; }
+
+    /// A veth pair zv0/zv1, both up, once zv0 has its carrier. Needs a helper
+    /// that answers "carrier <if> <0|1>" with awaitCarrier.
+    bool addLink();
+    /// Waits (through the helper, on the kernel's notices) until zv0's carrier is as wanted.
+    bool carrier(bool on);
+
+private:
+    ChildProcess child_;
+    std::string first_;
+    int exitCode_ = -1;
+};
+
+/// For helpers: waits on the kernel's link notices (not on a timer) until the
+/// interface's carrier (IFF_RUNNING) is as wanted; false after 10 s. The kernel
+/// reports carrier changes a little later than the command that caused them.
+bool awaitCarrier(const std::string& ifname, bool wanted);
+
+}  // namespace zubtest
