@@ -103,8 +103,10 @@ std::optional<std::uint32_t> seqOf(const zub::Data& data) {
     return seq;
 }
 
-// Where the writing child stops, to be killed there, in its second write.
-enum class StopAt { TemporaryWritten, Renamed, Nowhere };
+// Where the writing child stops, to be killed there, in its second write: with
+// the temporary file written, at the rename; just after the rename; or nowhere
+// (killed at a moment of the parent's choosing).
+enum class StopAt { BeforeRename, AfterRename, Nowhere };
 
 void report(int fd, const std::string& line) {
     const std::string text = line + "\n";
@@ -115,16 +117,11 @@ void report(int fd, const std::string& line) {
 class SteppingFileSystem : public zub::FileSystemWrapper {
 public:
     SteppingFileSystem(int fd, StopAt stop) : FileSystemWrapper(zub::FileSystem::posix()), fd_(fd), stop_(stop) {}
-    bool writeTemporaryFile(const std::string& target, const zub::Data& data, unsigned mode, std::string& temporary,
-                            int& error) override {
-        ++writes_;
-        const bool ok = FileSystemWrapper::writeTemporaryFile(target, data, mode, temporary, error);
-        if (ok) stopIf(StopAt::TemporaryWritten);
-        return ok;
-    }
     bool renameFile(const std::string& from, const std::string& to, int& error) override {
+        ++writes_;
+        stopIf(StopAt::BeforeRename);
         const bool ok = FileSystemWrapper::renameFile(from, to, error);
-        if (ok) stopIf(StopAt::Renamed);
+        if (ok) stopIf(StopAt::AfterRename);
         return ok;
     }
 
@@ -223,10 +220,10 @@ TEST(AtomicFile, SigkillAtAnyPointOfAWriteLeavesTheOldOrTheNewContent) {
         ASSERT_TRUE(content);
         const auto seq = seqOf(*content);
         ASSERT_TRUE(seq) << "a torn or mixed file of " << content->size() << " bytes";
-        if (stop == StopAt::TemporaryWritten) {
+        if (stop == StopAt::BeforeRename) {
             EXPECT_EQ(*seq, lastDone) << "killed before the rename: the old content";
             ++leftAtTemporary;
-        } else if (stop == StopAt::Renamed) {
+        } else if (stop == StopAt::AfterRename) {
             EXPECT_EQ(*seq, lastDone + 1) << "killed after the rename: the new content";
         } else {
             EXPECT_TRUE(*seq == lastDone || *seq == lastDone + 1) << *seq << " after " << lastDone;
