@@ -168,7 +168,9 @@ TEST(UserDefaults, FailedReadOrWriteKeepsTheFileAndThePendingChanges) {
         ASSERT_TRUE(first.synchronize());
     }
     // The file's entries, whatever their order.
-    auto onDisk = [&] { return nlohmann::json::parse(UserDefaults::parseFileContents(*zub::AtomicFile::read(path))->dump()); };
+    auto onDisk = [&] {
+        return nlohmann::json::parse(UserDefaults::parseFileContents(*zub::AtomicFile::read(path))->dump());
+    };
     auto entries = [](const Value& v) { return nlohmann::json::parse(v.dump()); };
 
     UserDefaults d(path);
