@@ -10,7 +10,10 @@
 // storage path uses it. An entry is therefore shared only by applications that
 // share both the company domain and the user defaults.
 //
-// getLogfilePath hands out paths in "<documents>/.ZUB" (directory mode 0700).
+// getLogfilePath hands out paths in "<documents>/.ZUB" (directory mode 0700),
+// where <documents> is the application's own documents directory
+// (zub::Paths::documents(): one per bundle identifier), so two applications of
+// one user never read or replace each other's saved events.
 //
 // Values are zub::Value property-list values; archived bytes are stored as the
 // binary type (zub::Value::binary(data)) and come back that way from

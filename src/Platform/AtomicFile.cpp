@@ -1,7 +1,10 @@
 #include "Platform/AtomicFile.h"
 
+#include "Common/ZUBProHelper.h"
+
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -61,11 +64,11 @@ public:
         return out;
     }
 
-    bool writeFileAtomically(const std::string& path, const Data& data, unsigned mode, int& error) override {
-        const std::string dir = parentOf(path);
-        std::string base = path.substr(path.rfind('/') == std::string::npos ? 0 : path.rfind('/') + 1);
+    bool writeTemporaryFile(const std::string& target, const Data& data, unsigned mode, std::string& temporaryPath,
+                            int& error) override {
+        std::string base = target.substr(target.rfind('/') == std::string::npos ? 0 : target.rfind('/') + 1);
         if (base.size() > 200) base.resize(200);  // keep the temporary name within NAME_MAX
-        std::string temp = dir + "/." + base + ".tmp-XXXXXX";
+        std::string temp = parentOf(target) + "/." + base + ".tmp-XXXXXX";
         const int fd = ::mkostemp(temp.data(), O_CLOEXEC);
         if (fd < 0) {
             error = errno;
@@ -85,19 +88,30 @@ public:
             ::unlink(temp.c_str());
             return false;
         }
-        if (::rename(temp.c_str(), path.c_str()) != 0) {
+        temporaryPath = std::move(temp);
+        error = 0;
+        return true;
+    }
+
+    bool renameFile(const std::string& from, const std::string& to, int& error) override {
+        if (::rename(from.c_str(), to.c_str()) != 0) {
             error = errno;
-            ::unlink(temp.c_str());
             return false;
-        }
-        // Make the rename itself durable.
-        const int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (dfd >= 0) {
-            ::fsync(dfd);
-            ::close(dfd);
         }
         error = 0;
         return true;
+    }
+
+    bool syncDirectory(const std::string& path, int& error) override {
+        const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd < 0) {
+            error = errno;
+            return false;
+        }
+        const bool ok = ::fsync(fd) == 0;
+        error = ok ? 0 : errno;
+        ::close(fd);
+        return ok;
     }
 
     bool createDirectories(const std::string& path, unsigned mode, int& error) override {
@@ -142,6 +156,24 @@ public:
 };
 
 }  // namespace
+
+bool FileSystem::writeFileAtomically(const std::string& path, const Data& data, unsigned mode, int& error) {
+    std::string temporary;
+    if (!writeTemporaryFile(path, data, mode, temporary, error)) return false;
+    if (!renameFile(temporary, path, error)) {
+        int ignored = 0;
+        removeFile(temporary, ignored);
+        return false;
+    }
+    // Makes the rename itself durable. The new content is in place either way, so
+    // a failure here does not fail the write.
+    int syncError = 0;
+    if (!syncDirectory(parentOf(path), syncError)) {
+        ZUBProHelper::LogDebug("[WARN] directory of %@ not synced (%@)", path, std::string(std::strerror(syncError)));
+    }
+    error = 0;
+    return true;
+}
 
 FileSystem& FileSystem::posix() {
     static auto* fs = new PosixFileSystem();  // never destroyed

@@ -10,7 +10,8 @@ namespace zub {
 namespace {
 
 std::mutex gRootMutex;
-std::filesystem::path gRoot = "/";  // guarded by gRootMutex
+// Never destroyed: queue threads may still resolve paths while the process exits.
+std::filesystem::path& gRoot = *new std::filesystem::path("/");  // guarded by gRootMutex
 
 bool isCLocale(std::string_view name) {
     return name.empty() || name == "C" || name == "POSIX";

@@ -34,58 +34,14 @@ std::vector<std::string> listDirectory(const std::string& path) {
     return out;
 }
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
-
 }  // namespace
 
 std::string Pasteboard::rootDirectory() {
     return Paths::dataHome() + "/ZUBCocoa/pasteboards";
 }
 
-std::string Pasteboard::encodeComponent(const std::string& text) {
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                           c == '-' || c == '_' || (c == '.' && i > 0);
-        if (plain) {
-            out.push_back(static_cast<char>(c));
-        } else {
-            out.push_back('%');
-            out.push_back(kHex[c >> 4]);
-            out.push_back(kHex[c & 0x0f]);
-        }
-    }
-    if (out.empty()) out = "%";  // the empty name still gets an entry of its own
-    return out;
-}
-
-std::optional<std::string> Pasteboard::decodeComponent(const std::string& component) {
-    if (component == "%") return std::string();
-    std::string out;
-    for (std::size_t i = 0; i < component.size(); ++i) {
-        if (component[i] != '%') {
-            out.push_back(component[i]);
-            continue;
-        }
-        if (i + 2 >= component.size()) return std::nullopt;
-        const int hi = hexValue(component[i + 1]);
-        const int lo = hexValue(component[i + 2]);
-        if (hi < 0 || lo < 0) return std::nullopt;
-        out.push_back(static_cast<char>(hi * 16 + lo));
-        i += 2;
-    }
-    return out;
-}
-
 std::optional<Pasteboard> Pasteboard::pasteboardWithName(const std::string& name) {
-    const std::string directory = rootDirectory() + "/" + encodeComponent(name);
+    const std::string directory = rootDirectory() + "/" + Paths::encodeComponent(name);
     int error = 0;
     if (!AtomicFile::createDirectories(directory, kDirMode, &error)) {
         ZUBProHelper::LogDebug("[ERROR] pasteboard %@ not created (%@)", name, std::string(std::strerror(error)));
@@ -95,13 +51,13 @@ std::optional<Pasteboard> Pasteboard::pasteboardWithName(const std::string& name
 }
 
 std::optional<Pasteboard> Pasteboard::existingPasteboardWithName(const std::string& name) {
-    const std::string directory = rootDirectory() + "/" + encodeComponent(name);
+    const std::string directory = rootDirectory() + "/" + Paths::encodeComponent(name);
     if (!isDirectory(directory)) return std::nullopt;
     return Pasteboard(name, directory);
 }
 
 std::optional<Data> Pasteboard::dataForType(const std::string& type) const {
-    return AtomicFile::read(directory_ + "/" + encodeComponent(type));
+    return AtomicFile::read(directory_ + "/" + Paths::encodeComponent(type));
 }
 
 bool Pasteboard::setData(const Data& data, const std::string& type) const {
@@ -109,7 +65,7 @@ bool Pasteboard::setData(const Data& data, const std::string& type) const {
     // The directory may have been released by another process since this handle
     // was made: recreate it.
     if (!AtomicFile::createDirectories(directory_, kDirMode, &error) ||
-        !AtomicFile::write(directory_ + "/" + encodeComponent(type), data, kFileMode, &error)) {
+        !AtomicFile::write(directory_ + "/" + Paths::encodeComponent(type), data, kFileMode, &error)) {
         ZUBProHelper::LogDebug("[ERROR] pasteboard %@ type %@ not written (%@)", name_, type,
                                std::string(std::strerror(error)));
         return false;
@@ -121,7 +77,7 @@ std::vector<std::string> Pasteboard::types() const {
     std::vector<std::string> out;
     for (const auto& entry : listDirectory(directory_)) {
         if (entry.empty() || entry[0] == '.') continue;  // temporary files of writes in progress
-        if (auto type = decodeComponent(entry)) out.push_back(*type);
+        if (auto type = Paths::decodeComponent(entry)) out.push_back(*type);
     }
     return out;
 }

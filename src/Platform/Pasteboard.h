@@ -2,9 +2,9 @@
 // read and write, the stand-in for the platform's named pasteboards.
 //
 // Storage: <dataHome>/ZUBCocoa/pasteboards/<name>/<type>, one file per type
-// (mode 0600, directories 0700). Names and types are percent-encoded where they
-// hold characters other than letters, digits, "-", "_" and "." (and a leading
-// "."), so any name maps to one directory entry. Each write replaces the blob of
+// (mode 0600, directories 0700), shared by every application of the user. Names
+// and types become directory entries through Paths::encodeComponent, so any name
+// maps to one entry inside the root. Each write replaces the blob of
 // one type atomically (AtomicFile), so two processes writing at once leave one
 // complete blob, never a mixture; a reader sees the old or the new blob.
 //
@@ -45,10 +45,6 @@ public:
     bool clearContents() const;
     /// Removes the pasteboard altogether.
     bool releaseGlobally() const;
-
-    /// The directory-entry form of a name or type (see above).
-    static std::string encodeComponent(const std::string& text);
-    static std::optional<std::string> decodeComponent(const std::string& component);
 
 private:
     Pasteboard(std::string name, std::string directory)

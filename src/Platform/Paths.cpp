@@ -1,5 +1,7 @@
 #include "Platform/Paths.h"
 
+#include "Platform/Bundle.h"
+
 #include <cstdlib>
 #include <pwd.h>
 #include <unistd.h>
@@ -18,8 +20,15 @@ std::string absoluteEnv(const char* name) {
     return s;
 }
 
-std::string join(const std::string& base, const char* tail) {
-    return base == "/" ? std::string("/") + tail : base + "/" + tail;
+std::string join(const std::string& base, const std::string& tail) {
+    return base == "/" ? "/" + tail : base + "/" + tail;
+}
+
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;
 }
 
 }  // namespace
@@ -41,8 +50,7 @@ std::string Paths::home() {
 }
 
 std::string Paths::documents() {
-    std::string d = absoluteEnv("XDG_DOCUMENTS_DIR");
-    return d.empty() ? join(home(), "Documents") : d;
+    return join(dataHome(), "ZUBCocoa/apps/" + encodeComponent(Bundle::identifier().value_or("")));
 }
 
 std::string Paths::configHome() {
@@ -53,6 +61,43 @@ std::string Paths::configHome() {
 std::string Paths::dataHome() {
     std::string d = absoluteEnv("XDG_DATA_HOME");
     return d.empty() ? join(home(), ".local/share") : d;
+}
+
+std::string Paths::encodeComponent(const std::string& text) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                           c == '-' || c == '_' || (c == '.' && i > 0);
+        if (plain) {
+            out.push_back(static_cast<char>(c));
+        } else {
+            out.push_back('%');
+            out.push_back(kHex[c >> 4]);
+            out.push_back(kHex[c & 0x0f]);
+        }
+    }
+    if (out.empty()) out = "%";  // the empty text still gets an entry of its own
+    return out;
+}
+
+std::optional<std::string> Paths::decodeComponent(const std::string& component) {
+    if (component == "%") return std::string();
+    std::string out;
+    for (std::size_t i = 0; i < component.size(); ++i) {
+        if (component[i] != '%') {
+            out.push_back(component[i]);
+            continue;
+        }
+        if (i + 2 >= component.size()) return std::nullopt;
+        const int hi = hexValue(component[i + 1]);
+        const int lo = hexValue(component[i + 2]);
+        if (hi < 0 || lo < 0) return std::nullopt;
+        out.push_back(static_cast<char>(hi * 16 + lo));
+        i += 2;
+    }
+    return out;
 }
 
 }  // namespace zub

@@ -137,13 +137,7 @@ void UserDefaults::synchronizeAll() {
 }
 
 std::string UserDefaults::fileNameForIdentifier(const std::string& bundleIdentifier) {
-    std::string name = bundleIdentifier;
-    for (char& c : name) {
-        const auto u = static_cast<unsigned char>(c);
-        if (c == '/' || u < 0x20 || u == 0x7f) c = '_';
-    }
-    if (name.empty()) name = "_";
-    return name + ".defaults";
+    return Paths::encodeComponent(bundleIdentifier) + ".defaults";
 }
 
 std::optional<Value> UserDefaults::parseFileContents(const Data& bytes) {
@@ -156,15 +150,15 @@ Data UserDefaults::serializeFileContents(const Value& dictionary) {
     return Cbor::encode(dictionary);
 }
 
-Value UserDefaults::readFileDictionary() {
+std::optional<Value> UserDefaults::readFileDictionary() {
     int error = 0;
     auto bytes = AtomicFile::read(path_, &error);
     if (!bytes) {
-        if (error != ENOENT) {
-            ZUBProHelper::LogDebug("[WARN] user defaults %@ unreadable (%@), treated as empty", path_,
-                                   std::string(std::strerror(error)));
-        }
-        return Value::object();
+        if (error == ENOENT) return Value::object();
+        // The file may hold every identifier of the application: what cannot be
+        // read now is not known to be empty, and must not be replaced by less.
+        ZUBProHelper::LogDebug("[WARN] user defaults %@ unreadable (%@)", path_, std::string(std::strerror(error)));
+        return std::nullopt;
     }
     auto dictionary = parseFileContents(*bytes);
     if (!dictionary) {
@@ -172,17 +166,20 @@ Value UserDefaults::readFileDictionary() {
                                bytes->size());
         return Value::object();
     }
-    return std::move(*dictionary);
+    return dictionary;
 }
 
 void UserDefaults::loadLocked() {
     if (loaded_) return;
-    cache_ = readFileDictionary();
+    // On a read error the cache holds only this process's changes, and the next
+    // access tries the file again.
+    auto fromFile = readFileDictionary();
+    cache_ = fromFile ? std::move(*fromFile) : Value::object();
     for (const auto& [key, change] : pending_) {
         if (change) cache_[key] = *change;
         else cache_.erase(key);
     }
-    loaded_ = true;
+    loaded_ = fromFile.has_value();
 }
 
 std::optional<Value> UserDefaults::objectForKey(const std::string& key) {
@@ -262,7 +259,9 @@ bool UserDefaults::synchronize() {
 
 bool UserDefaults::synchronizeLocked() {
     if (pending_.empty()) {
-        cache_ = readFileDictionary();
+        auto fromFile = readFileDictionary();
+        if (!fromFile) return false;  // the cache stays as it was
+        cache_ = std::move(*fromFile);
         loaded_ = true;
         return true;
     }
@@ -273,18 +272,22 @@ bool UserDefaults::synchronizeLocked() {
         return false;
     }
     FileLock fileLock(path_);
-    Value merged = readFileDictionary();
-    for (const auto& [key, change] : pending_) {
-        if (change) merged[key] = *change;
-        else merged.erase(key);
+    auto merged = readFileDictionary();
+    if (!merged) {
+        ZUBProHelper::LogDebug("[ERROR] user defaults %@ not written: changes kept for the next synchronize", path_);
+        return false;
     }
-    const Data bytes = serializeFileContents(merged);
+    for (const auto& [key, change] : pending_) {
+        if (change) (*merged)[key] = *change;
+        else merged->erase(key);
+    }
+    const Data bytes = serializeFileContents(*merged);
     if (bytes.empty() || !AtomicFile::write(path_, bytes, kFileMode, &error)) {
         ZUBProHelper::LogDebug("[ERROR] user defaults %@ not written (%@)", path_,
                                std::string(bytes.empty() ? "encoding failed" : std::strerror(error)));
         return false;
     }
-    cache_ = std::move(merged);
+    cache_ = std::move(*merged);
     loaded_ = true;
     pending_.clear();
     return true;

@@ -14,9 +14,12 @@
 // synchronised are also written when the process exits normally; a crash loses
 // only them, never the file.
 //
-// A damaged or unreadable file is treated as empty (and logged through the
-// debug log); the next synchronize() replaces it. Every operation is
-// thread-safe and never throws.
+// A file that reads but does not decode is treated as empty (and logged through
+// the debug log); the next synchronize() replaces it. A file that cannot be read
+// (EIO, EACCES, EMFILE... anything but a missing file) is never taken for empty:
+// synchronize() then writes nothing and keeps the changes pending, and until a
+// read succeeds the cache holds only this process's changes and every access
+// tries the file again. Every operation is thread-safe and never throws.
 #pragma once
 
 #include <ZUBCocoa/ZUBValue.h>
@@ -69,8 +72,8 @@ public:
 
     /// Writes the pending changes (merged into the file's current content) and
     /// refreshes the cache from the result. Without pending changes it only
-    /// re-reads the file. False when the file could not be written (the changes
-    /// stay pending for the next call).
+    /// re-reads the file. False when the file could not be read or written (the
+    /// changes stay pending for the next call, the file is untouched).
     bool synchronize();
 
     /// Decodes the content of a defaults file: the dictionary, or std::nullopt
@@ -80,8 +83,8 @@ public:
     /// The file content for a dictionary.
     static Data serializeFileContents(const Value& dictionary);
 
-    /// The file name an application's defaults use (the identifier, with "/" and
-    /// control characters replaced by "_"; "_" for an empty one).
+    /// The file name an application's defaults use: the identifier as one path
+    /// component (Paths::encodeComponent) + ".defaults".
     static std::string fileNameForIdentifier(const std::string& bundleIdentifier);
 
     /// Writes pending changes of every instance (run at normal process exit).
@@ -89,7 +92,9 @@ public:
 
 private:
     void loadLocked();
-    Value readFileDictionary();
+    // The file's dictionary: empty when it is missing or damaged, std::nullopt
+    // when it cannot be read (logged).
+    std::optional<Value> readFileDictionary();
     bool synchronizeLocked();
 
     const std::string path_;

@@ -5,6 +5,7 @@
 #include "Model/ZUBPageEvent.h"
 #include "Model/ZUBProCustomEvent.h"
 #include "Platform/AtomicFile.h"
+#include "Platform/Bundle.h"
 #include "support/ChildProcess.h"
 #include "support/LogCapture.h"
 
@@ -18,6 +19,13 @@ using zubtest::LogCapture;
 namespace {
 
 const std::string kHelper = std::string(ZUB_TEST_BIN_DIR) + "/event_store_helper";
+
+// The helper runs as this same application: both name it, since every
+// application has a documents folder of its own.
+class OneApplication : public ::testing::Environment {
+    void SetUp() override { zub::Bundle::setInfoValue("CFBundleIdentifier", "com.example.eventstore"); }
+};
+[[maybe_unused]] const auto* const kOneApplication = ::testing::AddGlobalTestEnvironment(new OneApplication);
 
 std::string logPath(const char* name) {
     return ZUBProStore::getInstance().getLogfilePath(name);

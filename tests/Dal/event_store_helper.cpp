@@ -3,6 +3,7 @@
 //   event_store_helper load                           loads them, prints "<dict> <md5> <eventID>" lines
 #include "Dal/ZUBEventDal.h"
 #include "Model/ZUBProCustomEvent.h"
+#include "Platform/Bundle.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -32,6 +33,8 @@ void fill(ZUBEventDictionary& dict, const std::string& tag, int count) {
 int main(int argc, char** argv) {
     if (argc < 2) return 2;
     const std::string command = argv[1];
+    // The same application as the test (each has a documents folder of its own).
+    zub::Bundle::setInfoValue("CFBundleIdentifier", "com.example.eventstore");
     ZUBEventDal& store = ZUBEventDal::getInstance();
     if (command == "save" && argc == 5) {
         std::lock_guard lock(store.eventListLock());

@@ -3,19 +3,16 @@
 #include "Platform/Cbor.h"
 #include "Platform/Paths.h"
 #include "Platform/UserDefaults.h"
+#include "support/FaultyFileSystem.h"
 #include "support/LogCapture.h"
 #include "support/TempHome.h"
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <fstream>
 #include <latch>
-#include <random>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 using zub::UserDefaults;
 using zub::Value;
@@ -162,98 +159,64 @@ TEST(UserDefaults, SynchronizeMergesChangesOfAnotherWriterKeyByKey) {
     EXPECT_FALSE(a.objectForKey("shared"));
 }
 
-namespace {
-
-// Fails every atomic write, as a full disk would.
-class FullDisk : public zub::FileSystemWrapper {
-public:
-    FullDisk() : FileSystemWrapper(zub::FileSystem::posix()) {}
-    bool writeFileAtomically(const std::string&, const zub::Data&, unsigned, int& error) override {
-        error = ENOSPC;
-        return false;
+TEST(UserDefaults, FailedReadOrWriteKeepsTheFileAndThePendingChanges) {
+    const std::string path = TempHome::makeDir("faults").string() + "/f.defaults";
+    const Value stored{{"mid", "m-1"}, {"idfv", "V-1"}, {"OpenUDID", Value{{"OpenUDID", "0123"}}}, {"k", "old"}};
+    {
+        UserDefaults first(path);
+        for (const auto& [key, value] : stored.items()) first.setObject(key, value);
+        ASSERT_TRUE(first.synchronize());
     }
-};
+    // The file's entries, whatever their order.
+    auto onDisk = [&] {
+        return nlohmann::json::parse(UserDefaults::parseFileContents(*zub::AtomicFile::read(path))->dump());
+    };
+    auto entries = [](const Value& v) { return nlohmann::json::parse(v.dump()); };
 
-}  // namespace
-
-TEST(UserDefaults, FailedWriteKeepsOldFileAndPendingChanges) {
-    const std::string path = TempHome::makeDir("full").string() + "/f.defaults";
     UserDefaults d(path);
-    d.setObject("k", "old");
-    ASSERT_TRUE(d.synchronize());
+    EXPECT_EQ(d.stringForKey("mid"), "m-1");
+    zubtest::FaultyFileSystem faults;
 
-    FullDisk full;
-    zub::AtomicFile::install(&full);
+    // A read that fails during synchronize: nothing is written, every stored key
+    // stays, the change stays pending and in the cache.
     d.setObject("k", "new");
+    faults.failReads(1, EIO, path);
     {
         LogCapture log;
         EXPECT_FALSE(d.synchronize());
-        EXPECT_TRUE(log.contains("not written"));
+        EXPECT_TRUE(log.contains("unreadable"));
     }
-    EXPECT_EQ(d.stringForKey("k"), "new") << "the cache keeps the change";
-    EXPECT_EQ(UserDefaults(path).stringForKey("k"), "old") << "the file keeps the old content";
-    zub::AtomicFile::install(nullptr);
+    EXPECT_EQ(faults.injected(), 1);
+    EXPECT_EQ(onDisk(), entries(stored));
+    EXPECT_EQ(d.stringForKey("k"), "new");
+    EXPECT_EQ(d.stringForKey("mid"), "m-1");
 
-    ASSERT_TRUE(d.synchronize()) << "the pending change is written once the disk recovers";
-    EXPECT_EQ(UserDefaults(path).stringForKey("k"), "new");
-}
+    // A full disk: the same.
+    faults.failWrites(1);
+    EXPECT_FALSE(d.synchronize());
+    EXPECT_EQ(onDisk(), entries(stored));
 
-namespace {
+    // The next successful synchronize writes the pending change into the stored keys.
+    ASSERT_TRUE(d.synchronize());
+    Value expected = stored;
+    expected["k"] = "new";
+    EXPECT_EQ(onDisk(), entries(expected));
 
-std::string payloadFor(std::int64_t seq) {
-    return std::string(2048 + static_cast<std::size_t>(seq % 997), static_cast<char>('a' + seq % 26));
-}
-
-// Child body: keeps replacing the file with consecutive, self-describing records.
-[[noreturn]] void writeForever(const std::string& path) {
-    UserDefaults d(path);
-    std::int64_t seq = d.integerForKey("seq");
-    for (;;) {
-        ++seq;
-        d.setObject("seq", seq);
-        d.setObject("payload", payloadFor(seq));
-        d.synchronize();
-    }
-}
-
-}  // namespace
-
-TEST(UserDefaults, SigkillAtRandomMomentsLeavesOldOrNewContent) {
-    const std::string path = TempHome::makeDir("crash").string() + "/c.defaults";
-    std::mt19937 rng(20240501);
-    std::int64_t lastSeq = 0;
-    int kills = 0;
-    for (int round = 0; round < 220; ++round) {
-        const pid_t child = ::fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) writeForever(path);
-        std::this_thread::sleep_for(std::chrono::microseconds(rng() % 12000));  // a random kill moment
-        ::kill(child, SIGKILL);
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
-        ++kills;
-
-        auto bytes = zub::AtomicFile::read(path);
-        if (!bytes) {
-            ASSERT_EQ(lastSeq, 0) << "the file never disappears once written";
-            continue;
-        }
-        auto dict = UserDefaults::parseFileContents(*bytes);
-        ASSERT_TRUE(dict) << "round " << round << ": the file must always decode";
-        const std::int64_t seq = (*dict)["seq"].get<std::int64_t>();
-        ASSERT_GE(seq, lastSeq) << "never older than what was seen before";
-        ASSERT_EQ((*dict)["payload"].get<std::string>(), payloadFor(seq)) << "record " << seq << " is whole";
-        lastSeq = seq;
-    }
-    EXPECT_GE(kills, 200);
-    EXPECT_GT(lastSeq, 20) << "the writers made progress, so kills landed among writes";
-    // Kills that interrupted a write left their temporary file behind, unread.
-    int interrupted = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(path).parent_path())) {
-        if (entry.path().filename().string().rfind(".c.defaults.tmp-", 0) == 0) ++interrupted;
-    }
-    EXPECT_GT(interrupted, 0);
+    // A fresh reader whose first read fails (too many open files): it does not
+    // take the file for empty, keeps its own change pending and reads the file
+    // again at the next access.
+    UserDefaults late(path);
+    faults.failReads(3, EMFILE, path);
+    EXPECT_FALSE(late.objectForKey("mid"));
+    late.setObject("extra", 1);
+    EXPECT_FALSE(late.synchronize());
+    EXPECT_EQ(onDisk(), entries(expected));
+    EXPECT_EQ(late.stringForKey("idfv"), "V-1") << "read again once reads work";
+    EXPECT_EQ(late.integerForKey("extra"), 1);
+    ASSERT_TRUE(late.synchronize());
+    expected["extra"] = 1;
+    EXPECT_EQ(onDisk(), entries(expected));
+    EXPECT_EQ(faults.injected(), 5);
 }
 
 TEST(UserDefaultsConcurrency, ThreadsSettingAndSynchronizingKeepEveryKey) {

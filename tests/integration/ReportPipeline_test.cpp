@@ -570,6 +570,7 @@ TEST(ReportPipeline, APushedConfigurationTakesEffectAtTheNextStart) {
 TEST(ReportPipeline, EventsSavedInTheBackgroundAreSentByTheNextRun) {
     REQUIRE_COLLECTOR();
     if (!zubtest::networkReachable()) GTEST_SKIP() << "no default route: replies start no further cycles";
+    zub::setBundleInfo("CFBundleIdentifier", "com.example.pipeline");  // the helper's too: one application
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
     const std::string reportURL = collector.url("/mstat/report"), midURL = collector.url("/?t=ios&ver=2.0");

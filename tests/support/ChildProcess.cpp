@@ -1,5 +1,6 @@
 #include "support/ChildProcess.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
@@ -20,6 +21,21 @@ std::vector<char*> argvPointers(const std::vector<std::string>& argv) {
     return out;
 }
 
+// This process's environment with the given "NAME=value" entries replacing or
+// adding variables.
+std::vector<std::string> mergedEnvironment(const std::vector<std::string>& overrides) {
+    std::vector<std::string> out;
+    auto nameOf = [](const std::string& entry) { return entry.substr(0, entry.find('=')); };
+    for (char** e = environ; *e != nullptr; ++e) {
+        const std::string entry = *e;
+        const bool replaced = std::any_of(overrides.begin(), overrides.end(),
+                                          [&](const std::string& o) { return nameOf(o) == nameOf(entry); });
+        if (!replaced) out.push_back(entry);
+    }
+    out.insert(out.end(), overrides.begin(), overrides.end());
+    return out;
+}
+
 int decodeStatus(int status) {
     if (WIFEXITED(status)) return WEXITSTATUS(status);
     if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
@@ -36,7 +52,7 @@ int reap(pid_t pid) {
 
 }  // namespace
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& environment) {
     if (argv.empty()) return;
     int toChild[2], fromChild[2];
     if (::pipe2(toChild, O_CLOEXEC) != 0) return;
@@ -50,8 +66,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
     posix_spawn_file_actions_adddup2(&actions, toChild[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, fromChild[1], STDOUT_FILENO);
     auto args = argvPointers(argv);
+    const std::vector<std::string> env = mergedEnvironment(environment);
+    auto envp = argvPointers(env);
     pid_t pid = -1;
-    const int rc = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+    const int rc = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     ::close(toChild[0]);
     ::close(fromChild[1]);

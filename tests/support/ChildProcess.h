@@ -14,8 +14,10 @@ namespace zubtest {
 
 class ChildProcess {
 public:
-    /// Starts argv[0] (looked up in PATH when it has no '/').
-    explicit ChildProcess(const std::vector<std::string>& argv);
+    /// Starts argv[0] (looked up in PATH when it has no '/') with this process's
+    /// environment, where each "NAME=value" of `environment` replaces or adds one
+    /// variable.
+    explicit ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& environment = {});
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;

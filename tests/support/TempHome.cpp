@@ -28,11 +28,9 @@ void TempHome::install() {
     const auto& home = homePath();
     std::filesystem::create_directories(home / ".config");
     std::filesystem::create_directories(home / ".local/share");
-    std::filesystem::create_directories(home / "Documents");
     setenv("HOME", home.c_str(), 1);
     setenv("XDG_CONFIG_HOME", (home / ".config").c_str(), 1);
     setenv("XDG_DATA_HOME", (home / ".local/share").c_str(), 1);
-    setenv("XDG_DOCUMENTS_DIR", (home / "Documents").c_str(), 1);
     std::atexit(removeHome);
 }
 

@@ -1,5 +1,5 @@
-// A private HOME for one test process: HOME, XDG_CONFIG_HOME, XDG_DATA_HOME and
-// XDG_DOCUMENTS_DIR all point below a fresh temporary directory, removed at exit.
+// A private HOME for one test process: HOME, XDG_CONFIG_HOME and XDG_DATA_HOME
+// all point below a fresh temporary directory, removed at exit.
 #pragma once
 
 #include <filesystem>

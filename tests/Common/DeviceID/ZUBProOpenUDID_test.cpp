@@ -1,19 +1,14 @@
 #include "Common/DeviceID/ZUBProOpenUDID.h"
-#include "Platform/Digest.h"
 #include "Platform/UserDefaults.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <latch>
-#include <random>
 #include <regex>
 #include <set>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 using zub::Pasteboard;
 using zub::Value;
@@ -177,53 +172,6 @@ TEST(ZUBProOpenUDID, OwnSlotNeverCreatesAnOptOutAndADifferentFreeSlotIsNotClaime
     EXPECT_FALSE(Pasteboard::existingPasteboardWithName(slotName(1))) << "slot 1 is free but not ours";
     EXPECT_EQ(*defaults().objectForKey("OpenUDID"), record) << "the record is not re-saved";
     EXPECT_EQ(readSlot(2), mine);
-}
-
-namespace {
-
-std::string oidFor(std::int64_t seq) {
-    const std::string text = std::to_string(seq);
-    return zub::Digest::hex(zub::Digest::sha1(text.data(), text.size()));
-}
-
-}  // namespace
-
-TEST(ZUBProOpenUDID, SigkillWhileWritingASlotLeavesOldOrNewContent) {
-    const std::string slot = slotName(7);
-    std::mt19937 rng(7);
-    std::int64_t lastSeq = 0;
-    for (int round = 0; round < 210; ++round) {
-        const pid_t child = ::fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            auto pb = Pasteboard::pasteboardWithName(slot);
-            std::int64_t seq = lastSeq;
-            for (;;) {
-                ++seq;
-                Value dict = slotRecord(oidFor(seq), std::string(1000 + seq % 500, 'p'));
-                dict["seq"] = seq;
-                ZUBProOpenUDID::_setDict(dict, *pb);
-            }
-        }
-        std::this_thread::sleep_for(std::chrono::microseconds(rng() % 8000));  // a random kill moment
-        ::kill(child, SIGKILL);
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-
-        auto pb = Pasteboard::existingPasteboardWithName(slot);
-        if (!pb || !pb->dataForType("org.OpenUDID")) {
-            ASSERT_EQ(lastSeq, 0) << "a written slot never disappears";
-            continue;
-        }
-        const Value dict = ZUBProOpenUDID::_getDictFromPasteboard(*pb);
-        ASSERT_TRUE(dict.contains("seq")) << "round " << round << ": the slot must always decode";
-        const std::int64_t seq = dict["seq"].get<std::int64_t>();
-        ASSERT_GE(seq, lastSeq);
-        ASSERT_EQ(dict["OpenUDID"], oidFor(seq));
-        ASSERT_EQ(dict["OpenUDID_appUID"].get<std::string>().size(), 1000u + seq % 500);
-        lastSeq = seq;
-    }
-    EXPECT_GT(lastSeq, 20) << "the writers made progress, so kills landed among writes";
 }
 
 TEST(ZUBProOpenUDIDConcurrency, ConcurrentFirstCallsAgreeAndWriteOneSlot) {
