@@ -48,12 +48,4 @@ void Bundle::setInfoValue(const std::string& key, const std::string& value) {
     s.info[key] = value;
 }
 
-void setBundleInfo(const std::string& key, const std::string& value) {
-    Bundle::setInfoValue(key, value);
-}
-
-std::optional<std::string> bundleInfo(const std::string& key) {
-    return Bundle::infoValue(key);
-}
-
 }  // namespace zub

@@ -54,8 +54,10 @@ bool isUsableURL(std::string_view url) {
 
 namespace zub {
 
-void setEndpoints(const std::string& reportURL, const std::string& midURL) {
+void setEndpoints(OptionalText reportText, OptionalText midText) {
     zubGuarded("setEndpoints", [&] {
+        const std::string reportURL = reportText.text().value_or("");
+        const std::string midURL = midText.text().value_or("");
         if (!isUsableURL(reportURL) || !isUsableURL(midURL)) {
             ZUBProHelper::LogDebug("[ERROR]endpoints not changed: %@ and %@ must both be http(s) URLs with a host",
                                    reportURL, midURL);
@@ -68,8 +70,9 @@ void setEndpoints(const std::string& reportURL, const std::string& midURL) {
     });
 }
 
-void setCollectorAddress(const std::string& baseURL) {
+void setCollectorAddress(OptionalText baseText) {
     zubGuarded("setCollectorAddress", [&] {
+        const std::string baseURL = baseText.text().value_or("");
         std::string_view base = baseURL;
         if (!base.empty() && base.back() == '/') base.remove_suffix(1);
         const std::string_view authority = authorityOf(base);

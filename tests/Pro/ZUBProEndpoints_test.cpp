@@ -49,6 +49,12 @@ TEST(ZUBProEndpoints, SetsBothURLsAndRefusesWhatIsNoHttpURL) {
         expectEndpoints("https://stats.example.com/mstat/report", "HTTP://ids.example.com:8080/?t=ios&ver=2.0");
         EXPECT_TRUE(log.contains("[ERROR]endpoints not changed")) << report << " " << mid;
     }
+    // A null pointer from C code or a plug-in is absent, refused like an empty URL.
+    const char* none = nullptr;
+    log.clear();
+    zub::setEndpoints(none, "http://ids.example.com/");
+    expectEndpoints("https://stats.example.com/mstat/report", "HTTP://ids.example.com:8080/?t=ios&ver=2.0");
+    EXPECT_TRUE(log.contains("[ERROR]endpoints not changed"));
 }
 
 TEST(ZUBProEndpoints, CollectorAddressNamesBothProtocolPaths) {
@@ -65,6 +71,10 @@ TEST(ZUBProEndpoints, CollectorAddressNamesBothProtocolPaths) {
         expectEndpoints("https://collector.example.com/mstat/report", "https://collector.example.com/?t=ios&ver=2.0");
         EXPECT_TRUE(log.contains("is not a collector address")) << bad;
     }
+    log.clear();
+    zub::setCollectorAddress(static_cast<const char*>(nullptr));
+    expectEndpoints("https://collector.example.com/mstat/report", "https://collector.example.com/?t=ios&ver=2.0");
+    EXPECT_TRUE(log.contains("is not a collector address"));
 }
 
 TEST(ZUBProEndpoints, RegistrationReachesTheCollectorNamed) {
