@@ -105,8 +105,9 @@ void ZUBProCustomEvent::reportCustomEventBegin(const std::optional<std::string>&
         ZUBProHelper::LogDebug("eventID is empty");
         return;
     }
-    static const zub::Value kNoPairs;
-    const zub::Value& pairs = arePairs(eventID, dict) ? dict : kNoPairs;
+    // Never destroyed: a queue thread may still use it while the process exits.
+    static const zub::Value* const kNoPairs = new zub::Value();
+    const zub::Value& pairs = arePairs(eventID, dict) ? dict : *kNoPairs;
     ZUBTimedTable& table = ZUBEventDal::getInstance().getTimeEventDic();
     std::lock_guard lock(table.mutex);
     const std::string key = getCustomEventKey(eventID, pairs);

@@ -1,6 +1,7 @@
 #include "Platform/HttpClient.h"
 
 #include "Platform/LinkState.h"
+#include "Platform/ProcessLibraries.h"
 
 #include <curl/curl.h>
 
@@ -14,7 +15,12 @@ namespace {
 
 void ensureGlobalInit() {
     static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    std::call_once(once, [] {
+        // OpenSSL first, without its exit handler, even for a host that reaches the
+        // transport from its own static constructors.
+        ProcessLibraries::initialize();
+        curl_global_init(CURL_GLOBAL_DEFAULT);
+    });
 }
 
 // One easy handle per thread: curl keeps the connection alive between posts made

@@ -55,9 +55,9 @@ TEST(ZUBProConfigConcurrency, HostSettersRaceFreeWithQueueReaders) {
     std::atomic<bool> stop{false};
     std::thread reader([&] {
         std::size_t seen = 0;
-        while (!stop) {
+        do {  // at least one read, however late the thread starts
             seen += c.zubChannel().value_or("").size() + c.periodSecs();
-        }
+        } while (!stop);
         EXPECT_GT(seen, 0u);
     });
     for (int i = 0; i < 20000; ++i) {
