@@ -133,7 +133,7 @@ BENCHMARK(BM_JournalRecovery100k)->Iterations(3)->Unit(benchmark::kMillisecond);
 
 void BM_OfflineMillion(benchmark::State& state) {
     home();
-    restoreDefaultLimits();
+    zub::setDeliveryLimits(zub::DeliveryLimits{});  // the defaults, whatever ran before
     const long events = state.range(0);
     zubtest::CollectorProcess collector({"--quiet"});
     if (!useCollector(collector)) {
@@ -231,11 +231,6 @@ void BM_FourThreadsExactlyOnce(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_FourThreadsExactlyOnce)->Arg(1'000'000)->Iterations(1)->Unit(benchmark::kSecond);
-
-// BM_OfflineMillion runs with the default limits.
-void restoreDefaultLimits() {
-    zub::setDeliveryLimits(zub::DeliveryLimits{});
-}
 
 BENCHMARK(BM_OfflineMillion)->Arg(1'000'000)->Iterations(1)->Unit(benchmark::kSecond);
 
