@@ -3,6 +3,7 @@
 #include "Common/ZUBProHelper.h"
 #include "Dal/ZUBJournalFormat.h"
 #include "Model/ZUBEventClasses.h"
+#include "Platform/FileIO.h"
 
 #include <ZUBCocoa/ZUBArchiving.h>
 
@@ -20,6 +21,7 @@
 namespace {
 
 namespace fmt = zub::journal;
+using zub::writeAll;
 
 constexpr const char* kSuffix = ".zjl";
 constexpr std::uint64_t kMinSegment = 64 * 1024;
@@ -27,19 +29,6 @@ constexpr std::uint64_t kMaxSegment = 4 * 1024 * 1024;
 
 std::string_view errorText(int error) {
     return std::strerror(error);
-}
-
-bool writeAll(int fd, const std::uint8_t* data, std::size_t size) {
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, size);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += n;
-        size -= static_cast<std::size_t>(n);
-    }
-    return true;
 }
 
 bool readAt(int fd, std::uint8_t* data, std::size_t size, std::uint64_t offset) {

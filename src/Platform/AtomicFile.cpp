@@ -1,6 +1,7 @@
 #include "Platform/AtomicFile.h"
 
 #include "Common/ZUBProHelper.h"
+#include "Platform/FileIO.h"
 
 #include <atomic>
 #include <cerrno>
@@ -10,9 +11,6 @@
 #include <unistd.h>
 
 namespace zub {
-namespace {
-
-std::atomic<FileSystem*> installed{nullptr};
 
 bool writeAll(int fd, const std::uint8_t* data, std::size_t size) {
     while (size > 0) {
@@ -26,6 +24,10 @@ bool writeAll(int fd, const std::uint8_t* data, std::size_t size) {
     }
     return true;
 }
+
+namespace {
+
+std::atomic<FileSystem*> installed{nullptr};
 
 std::string parentOf(const std::string& path) {
     const auto slash = path.rfind('/');
