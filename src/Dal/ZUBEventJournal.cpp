@@ -26,6 +26,8 @@ using zub::writeAll;
 constexpr const char* kSuffix = ".zjl";
 constexpr std::uint64_t kMinSegment = 64 * 1024;
 constexpr std::uint64_t kMaxSegment = 4 * 1024 * 1024;
+// Buffered records are handed to the kernel at the latest when this much waits.
+constexpr std::size_t kWriteChunk = 64 * 1024;
 
 std::string_view errorText(int error) {
     return std::strerror(error);
@@ -92,6 +94,7 @@ ZUBEventJournal::ZUBEventJournal(std::string directory, std::uint64_t budgetByte
       syncInterval_(syncInterval) {}
 
 ZUBEventJournal::~ZUBEventJournal() {
+    if (!segments_.empty()) flushWrites();
     {
         std::lock_guard lock(syncMutex_);
         stopping_ = true;
@@ -209,6 +212,7 @@ bool ZUBEventJournal::open(std::vector<LiveEntry>& live, std::uint64_t& unreport
 }
 
 bool ZUBEventJournal::startSegment() {
+    if (!segments_.empty() && !flushWrites()) return false;
     const std::uint64_t number = ++lastNumber_;
     const std::string path = segmentPath(number);
     const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
@@ -250,25 +254,45 @@ ZUBEventJournal::Entry* ZUBEventJournal::findEntry(std::uint64_t seq) {
 bool ZUBEventJournal::write(const zub::Data& record, Dropped* dropped, std::uint64_t& segment,
                             std::uint32_t& offset) {
     if (broken_ || segments_.empty()) return false;
+    // While the disk refuses what is buffered, new records are refused too: their
+    // events stay in memory, as they would without a journal.
+    if (writeFailing_ && !flushWrites()) return false;
     if (!makeRoom(record.size(), dropped)) return false;
     if (segments_.back().bytes + record.size() > segmentSize_ && segments_.back().bytes > fmt::kHeaderSize) {
+        if (!flushWrites()) return false;
         if (!startSegment()) {
             broken_ = true;
             return false;
         }
     }
     Segment& active = segments_.back();
-    if (!writeAll(active.fd, record.data(), record.size())) {
-        const int error = errno;
-        // Cut a partial record so that the next one starts on a record boundary.
-        if (::ftruncate(active.fd, static_cast<off_t>(active.bytes)) != 0) broken_ = true;
-        ZUBProHelper::LogDebug("[ERROR]journal: write to segment %@ failed: %@", active.number, errorText(error));
-        return false;
-    }
+    unwritten_.insert(unwritten_.end(), record.begin(), record.end());
     segment = active.number;
     offset = static_cast<std::uint32_t>(active.bytes);
     active.bytes += record.size();
     totalBytes_ += record.size();
+    if (unwritten_.size() >= kWriteChunk) flushWrites();
+    return true;
+}
+
+bool ZUBEventJournal::flushWrites() {
+    if (unwritten_.empty() || broken_ || segments_.empty()) return unwritten_.empty();
+    Segment& active = segments_.back();
+    const std::uint64_t flushed = active.bytes - unwritten_.size();
+    if (!writeAll(active.fd, unwritten_.data(), unwritten_.size())) {
+        const int error = errno;
+        // Cut a partial write so that the retry starts on a record boundary; the
+        // records stay buffered (and readable) until it succeeds.
+        if (::ftruncate(active.fd, static_cast<off_t>(flushed)) != 0) broken_ = true;
+        if (!writeFailing_) {
+            ZUBProHelper::LogDebug("[ERROR]journal: write to segment %@ failed: %@", active.number, errorText(error));
+        }
+        writeFailing_ = true;
+        return false;
+    }
+    unwritten_.clear();
+    if (unwritten_.capacity() > 4 * kWriteChunk) unwritten_.shrink_to_fit();
+    writeFailing_ = false;
     markDirty();
     return true;
 }
@@ -304,6 +328,7 @@ bool ZUBEventJournal::reclaimOldest(std::size_t need, Dropped* dropped) {
 }
 
 bool ZUBEventJournal::copyForward(Segment& oldest) {
+    if (!flushWrites()) return false;
     auto bytes = readWhole(oldest.fd);
     if (!bytes) {
         ZUBProHelper::LogDebug("[ERROR]journal: cannot read segment %@ to compact it", oldest.number);
@@ -453,7 +478,15 @@ std::optional<ZUBEventJournal::Restored> ZUBEventJournal::read(Entry& entry) {
     Segment* s = findSegment(entry.segment);
     zub::Data bytes(entry.size);
     std::optional<Restored> out;
-    if (s != nullptr && readAt(s->fd, bytes.data(), bytes.size(), entry.offset)) {
+    bool haveBytes = false;
+    if (s == &segments_.back() && entry.offset >= s->bytes - unwritten_.size()) {
+        const std::size_t at = entry.offset - (s->bytes - unwritten_.size());
+        haveBytes = at + entry.size <= unwritten_.size();
+        if (haveBytes) std::copy_n(unwritten_.begin() + static_cast<std::ptrdiff_t>(at), entry.size, bytes.begin());
+    } else if (s != nullptr) {
+        haveBytes = readAt(s->fd, bytes.data(), bytes.size(), entry.offset);
+    }
+    if (haveBytes) {
         zub::Data framed = fmt::segmentHeader();
         framed.insert(framed.end(), bytes.begin(), bytes.end());
         fmt::scanSegment(framed.data(), framed.size(), [&](const fmt::RecordView& r) {
@@ -511,6 +544,7 @@ void ZUBEventJournal::recordDrops(std::uint64_t unreported) {
 
 bool ZUBEventJournal::sync() {
     if (segments_.empty()) return false;
+    if (!flushWrites()) return false;
     {
         std::lock_guard lock(syncMutex_);
         dirty_ = false;

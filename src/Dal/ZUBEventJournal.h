@@ -3,10 +3,12 @@
 //
 // The journal is a directory of segment files (format in ZUBJournalFormat.h),
 // written append-only: an Add record when an event is filed, a Retire record
-// when events are acknowledged or dropped for good. Each record is handed to the
-// kernel with write() at once, so a crash or kill of the process loses nothing
-// that was filed; a background thread makes the data durable with fdatasync at
-// most `syncInterval` after it was written (the window a power cut can cost).
+// when events are acknowledged or dropped for good. Records are gathered in a
+// buffer and handed to the kernel in one write() by flushWrites(), which the
+// caller runs as soon as it has finished the work at hand (and which runs by
+// itself once 64 KiB wait): from then on a crash or kill of the process loses
+// nothing. A background thread makes the data durable with fdatasync at most
+// `syncInterval` after it was written (the window a power cut can cost).
 //
 // Space: segments are deleted oldest first once nothing in them is live. When
 // the files would exceed the budget, the oldest segment is compacted (its live
@@ -79,7 +81,10 @@ public:
     std::optional<Restored> restore(std::uint64_t seq);
     /// Records the count of dropped events not yet reported.
     void recordDrops(std::uint64_t unreported);
-    /// Makes everything written so far durable now.
+    /// Hands the buffered records to the kernel; false (logged once) when the
+    /// write fails, and the records stay buffered for the next try.
+    bool flushWrites();
+    /// Makes everything appended so far durable now.
     bool sync();
 
     void setBudget(std::uint64_t bytes) { budget_ = bytes; }
@@ -136,6 +141,8 @@ private:
     std::size_t deadInIndex_ = 0;
     std::uint64_t overflowCursor_ = 0;  // no overflow entry has a lower seq
     bool broken_ = false;
+    zub::Data unwritten_;       // records of the active segment not yet written
+    bool writeFailing_ = false;  // the last flushWrites() failed
 
     // The sync thread and what it shares with the writer.
     std::mutex syncMutex_;

@@ -131,6 +131,9 @@ private:
     void reconcileAfterLoad();
     void reportDrops();
     void holdInMemory(const EventPtr& event, std::optional<std::uint64_t> seq);
+    /// Hands the journal's buffered records to the kernel once the queue has
+    /// worked through what is already waiting on it (one write for a burst).
+    void queueJournalWrite();
     /// The current reachability status (0, 1 or 2) of the internet target.
     std::int64_t networkStatus();
     void startStatusMonitor();
@@ -163,4 +166,5 @@ private:
     std::unordered_map<std::uint64_t, std::string> keyOfSeq_;
     std::unordered_map<std::string, std::uint64_t> parkedKeys_;  // on disk until the next start
     std::uint64_t unreportedDrops_ = 0;
+    bool journalWriteQueued_ = false;
 };

@@ -108,6 +108,7 @@ void ZUBEventLogic::openJournal() {
         }
     }
     refillFromJournal();
+    queueJournalWrite();
     if (recovered > 0 || unreportedDrops_ > 0) {
         ZUBProHelper::LogDebug("journal: %@ unacknowledged events brought back, %@ on disk, %@ drops to report",
                                static_cast<std::uint64_t>(recovered),
@@ -159,6 +160,17 @@ void ZUBEventLogic::journalFile(const EventPtr& event) {
     }
     // An event the journal could not take stays in memory: nothing accepted is let go.
     if (inMemory || !seq) holdInMemory(event, seq);
+    queueJournalWrite();
+}
+
+void ZUBEventLogic::queueJournalWrite() {
+    if (journalWriteQueued_ || !journal_) return;
+    journalWriteQueued_ = true;
+    queue_.async([this] {
+        std::lock_guard lock(eventListLock_);
+        journalWriteQueued_ = false;
+        if (journal_) journal_->flushWrites();
+    });
 }
 
 void ZUBEventLogic::journalRetire(const std::string& md5) {
@@ -168,6 +180,7 @@ void ZUBEventLogic::journalRetire(const std::string& md5) {
     journal_->retire({seq->second});
     keyOfSeq_.erase(seq->second);
     seqOfKey_.erase(seq);
+    queueJournalWrite();
 }
 
 void ZUBEventLogic::refillFromJournal() {
@@ -217,6 +230,7 @@ void ZUBEventLogic::reconcileAfterLoad() {
             }
         }
     }
+    queueJournalWrite();
 }
 
 // Dropped events are reported as an ordinary custom event, once the collector
