@@ -9,19 +9,20 @@
 #include "Platform/SystemLog.h"
 
 #include <charconv>
-#include <cstdio>
 #include <cstdlib>
 
 namespace {
 
 std::atomic<std::uint64_t> gSerialisations{0};
 
-// The microsecond part of the clock as six zero-padded digits.
+// The microsecond part of the clock as six zero-padded digits (written by hand:
+// every event takes them on the host's thread).
 std::string microsDigits() {
-    const std::int64_t micros = zub::Clock::nowMicros() % 1000000;
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "%06d", static_cast<int>(micros < 0 ? -micros : micros));
-    return buf;
+    std::int64_t micros = zub::Clock::nowMicros() % 1000000;
+    if (micros < 0) micros = -micros;
+    std::string digits(6, '0');
+    for (int i = 5; i >= 0 && micros > 0; --i, micros /= 10) digits[static_cast<std::size_t>(i)] = static_cast<char>('0' + micros % 10);
+    return digits;
 }
 
 // Leading decimal digits of the text as a 64-bit number (0 when there are none).
@@ -78,7 +79,7 @@ void logUnwritable(const ZUBProEvent& event, const zub::Value& envelope) {
 
 }  // namespace
 
-ZUBProEvent::ZUBProEvent() : timeStr_(microsDigits().substr(2)) {}
+ZUBProEvent::ZUBProEvent() : timeStr_(microsDigits().erase(0, 2)) {}
 
 ZUBProEvent::ZUBProEvent(const zub::Coder& coder) {
     // Restoring starts from a bare object: no timeStr, not marked wrong-wifi.

@@ -63,9 +63,8 @@ void ZUBSessionEvent::reportSessionEvent() {
     event->setIsImportant(true);
     event->setTs(zub::Clock::nowSeconds());
     event->setType(2);
-    const std::string text = std::to_string(event->sid()) + std::to_string(event->ts()) +
-                             std::to_string(event->type()) + std::to_string(generateSessionID());
-    event->setMd5(ZUBProHelper::md5encrypt(text));
+    event->keyText_ = std::to_string(event->sid()) + std::to_string(event->ts()) + std::to_string(event->type()) +
+                      std::to_string(generateSessionID());
     ZUBEventLogic::getInstance().reportEvent(std::move(event));
 }
 

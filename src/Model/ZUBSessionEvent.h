@@ -26,4 +26,12 @@ public:
     static void reportSessionEvent();
 
     void encode(zub::Value& envelope) override;
+
+    /// The text the event's key is the MD5 of, fixed when the event is made; the
+    /// digest itself is taken when the event is filed, on the report queue, so a
+    /// host thread that opens a session never waits for the digest library.
+    const std::optional<std::string>& keyText() const { return keyText_; }
+
+private:
+    std::optional<std::string> keyText_;
 };

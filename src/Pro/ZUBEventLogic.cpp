@@ -87,7 +87,11 @@ void ZUBEventLogic::assignFreeKey(ZUBProEvent& event) {
         }
         return false;
     };
-    if (!event.md5()) event.setMd5(generateMd5(event));
+    if (!event.md5()) {
+        const auto* session = event.type() == 2 ? dynamic_cast<const ZUBSessionEvent*>(&event) : nullptr;
+        event.setMd5(session != nullptr && session->keyText() ? ZUBProHelper::md5encrypt(session->keyText())
+                                                               : generateMd5(event));
+    }
     for (int attempt = 0; event.md5() && takenByOther(*event.md5()); ++attempt) {
         if (attempt == 0) ZUBProHelper::LogDebug("event key %@ is taken; the newer event gets a fresh index", *event.md5());
         if (attempt < kFreshIndexAttempts) {
