@@ -77,6 +77,7 @@ zub_status zub_get_bundle_info(const char* key, char** out) {
 zub_status zub_get_endpoints(char** report_url, char** mid_url) {
     const char* fn = __func__;
     return guarded(fn, [&] {
+        if (mid_url) *mid_url = nullptr;  // cleared even when report_url is the NULL one
         if (const zub_status s = prepareOut(fn, report_url); s != ZUB_OK) return s;
         if (const zub_status s = prepareOut(fn, mid_url); s != ZUB_OK) return s;
         const zub::Endpoints now = zub::endpoints();
