@@ -91,7 +91,7 @@ ZUB_EXPORT zub_args* zub_args_new(void);
 /* Parses a JSON object text ("{\"format\":\"pdf\",\"pages\":12}") into a new builder
    stored in *out. Anything but a JSON object is ZUB_ERR_INVALID_ARGUMENT. */
 ZUB_EXPORT zub_status zub_args_from_json(const char* json, zub_args** out);
-/* Releases a builder. NULL is ignored. */
+/* Releases a builder, once no call is using it any more. NULL is ignored. */
 ZUB_EXPORT void zub_args_free(zub_args* args);
 
 ZUB_EXPORT zub_status zub_args_set_string(zub_args* args, const char* key, const char* value);
@@ -130,7 +130,8 @@ ZUB_EXPORT zub_status zub_set_openudid_opt_out(bool opt_out);
 
 /* Where reports and the device registration go (absolute http:// or https:// URLs
    with a host). A URL that is not one is ZUB_ERR_INVALID_ARGUMENT, and the
-   endpoints in force stay. Best set before the start. */
+   endpoints in force stay (the status tells whether the URLs given are those in
+   force when the call returns). Best set before the start. */
 ZUB_EXPORT zub_status zub_set_endpoints(const char* report_url, const char* mid_url);
 /* Both endpoints of a collector at "http://host:port". */
 ZUB_EXPORT zub_status zub_set_collector_address(const char* base_url);

@@ -31,13 +31,12 @@ zub_status requiredName(const char* function, const char* name, const char* text
 /// Copies `text` into a string the caller frees with zub_string_free.
 zub_status copyOut(const char* function, const std::string& text, char** out);
 
-/// Runs `body` (returning zub_status); an exception becomes ZUB_ERR_NO_MEMORY or
-/// ZUB_ERR_INTERNAL and is logged. Nothing propagates to the C caller.
-template <typename Body>
-zub_status guarded(const char* function, Body&& body) noexcept;
-
+/// The status of the exception being handled (ZUB_ERR_NO_MEMORY or
+/// ZUB_ERR_INTERNAL), logged with the function's name.
 zub_status fromException(const char* function) noexcept;
 
+/// Runs `body` (returning zub_status); an exception becomes a status through
+/// fromException. Nothing propagates to the C caller.
 template <typename Body>
 zub_status guarded(const char* function, Body&& body) noexcept {
     try {
