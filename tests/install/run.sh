@@ -6,13 +6,17 @@
 # Last, the C++ snippets of README.md (each marked "<!-- snippet: NAME ... -->")
 # are built as they stand with the pkg-config flags.
 #
-#   run.sh BUILD_DIR WORK_DIR CXX_COMPILER GENERATOR [SANITIZE]
+# Then the C interface: the C example built as C99 against both libraries, and the
+# Python module imported from where the install put it.
+#
+#   run.sh BUILD_DIR WORK_DIR CXX_COMPILER GENERATOR [SANITIZE] [C_COMPILER]
 set -euo pipefail
 build_dir=$1
 work=$2
 cxx=$3
 generator=$4
 sanitize=${5:-}
+cc=${6:-cc}
 here=$(cd "$(dirname "$0")" && pwd)
 
 rm -rf "$work"
@@ -86,6 +90,40 @@ if ldd "$work/pc-static" | grep -q libZUBCocoa; then
 fi
 run "pkg-config, shared" "$work/pc-shared"
 run "pkg-config, static" "$work/pc-static"
+
+step "the C interface from a C99 program (pkg-config)"
+"$cc" -std=c99 -Wall -Wextra -Wpedantic -Werror "${flags[@]}" "${cflags[@]}" "$here/../../examples/c-host/CHost.c" \
+  -o "$work/c-host" "${libs[@]}" -Wl,-rpath,"$libdir"
+"$cc" -std=c99 "${flags[@]}" "${cflags[@]}" "$here/../../examples/c-host/CHost.c" -o "$work/c-host-static" \
+  -Wl,-Bstatic -lZUBCocoa -Wl,-Bdynamic "${static_libs[@]}" -lstdc++ -lm
+run "C, shared" "$work/c-host"
+run "C, static" "$work/c-host-static"
+
+step "the Python module from the install"
+# A sanitized library needs its runtime first in python3: GCC's ASan runtime is preloaded.
+pyenv=(env -u ZUBCOCOA_LIBRARY PYTHONDONTWRITEBYTECODE=1)
+runtime=""
+case "$sanitize" in
+  "") ;;
+  *thread*) ;;
+  *address*) runtime=$("$cxx" -print-file-name=libasan.so) ;;
+esac
+if [ -n "$sanitize" ] && [ ! -f "$runtime" ]; then
+  echo "   skipped: no sanitizer runtime to preload into python3 for -fsanitize=$sanitize"
+else
+  [ -n "$runtime" ] && pyenv+=(LD_PRELOAD="$runtime" ASAN_OPTIONS=detect_leaks=0)
+  site=$(dirname "$(find "$prefix" -path '*/zubcocoa/__init__.py' -print -quit)")
+  [ -f "$site/_location.py" ] || { echo "zubcocoa is not installed under $prefix" >&2; exit 1; }
+  pyenv+=(PYTHONPATH="$(dirname "$site")" "${ZUB_PYTHON3:-python3}")
+  # Found beside the module, with no variable pointing at it.
+  loaded=$("${pyenv[@]}" -c 'import zubcocoa; print(zubcocoa._lib._name)')
+  [ "$loaded" -ef "$libdir/libZUBCocoa.so.1" ] || { echo "zubcocoa loaded $loaded, not $libdir/libZUBCocoa.so.1" >&2; exit 1; }
+  # A copy of the example: run from python/, it would import the module beside it.
+  cp "$here/../../python/example.py" "$work/example.py"
+  out=$("${pyenv[@]}" "$work/example.py" "http://127.0.0.1:$port")
+  echo "$out" | grep -Eq '^mid [0-9a-f]{32}$' || { echo "python example printed: $out" >&2; exit 1; }
+  echo "   python: $out"
+fi
 
 # The C++ block that follows "<!-- snippet: NAME" in README.md.
 snippet() {
