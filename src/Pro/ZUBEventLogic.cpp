@@ -121,27 +121,42 @@ void ZUBEventLogic::file(const EventPtr& event) {
 // goes to the background is saved with the others instead of being lost.
 void ZUBEventLogic::reportEvent(EventPtr event) {
     if (!event) return;
+    std::size_t waiting = 0;
     {
         std::lock_guard lock(pendingMutex_);
         pending_.push_back(std::move(event));
+        waiting = pending_.size();
     }
     queue_.async([this] {
         filePendingEvents();
         checkStrategyReport();
     });
+    if (waiting >= kMaxPendingEvents) fileOnCallersThread();
 }
 
 void ZUBEventLogic::reportEvents(EventList events) {
+    std::size_t waiting = 0;
     {
         std::lock_guard lock(pendingMutex_);
         for (auto& event : events) {
             if (event) pending_.push_back(std::move(event));
         }
+        waiting = pending_.size();
     }
     queue_.async([this] {
         filePendingEvents();
         checkStrategyReport();
     });
+    if (waiting >= kMaxPendingEvents) fileOnCallersThread();
+}
+
+// A host that tracks faster than the queue can file would otherwise pile up
+// events in memory without limit: past the limit, the tracking thread files the
+// waiting events itself (in order, under the same locks), and so is slowed to
+// the pace the library can keep.
+void ZUBEventLogic::fileOnCallersThread() {
+    if (queue_.isCurrent()) return;
+    filePendingEvents();
 }
 
 void ZUBEventLogic::filePendingEvents() {

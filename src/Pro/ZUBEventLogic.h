@@ -120,6 +120,9 @@ public:
 private:
     ZUBEventLogic();
     void file(const EventPtr& event);
+    void fileOnCallersThread();
+    /// Events handed over but not yet filed, beyond which the caller files them.
+    static constexpr std::size_t kMaxPendingEvents = 2048;
     /// Gives the event a key no other held event has (lock held).
     void assignFreeKey(ZUBProEvent& event);
     // Journal steps; every one runs with eventListLock_ held.

@@ -144,14 +144,26 @@ void ZUBEventLogic::journalFile(const EventPtr& event) {
     const auto seq =
         journal_->append(*event, inMemory ? ZUBEventJournal::Place::Memory : ZUBEventJournal::Place::Overflow, dropped);
     if (dropped.count > 0) {
+        std::unordered_set<std::string> inFlight;
+        for (const auto& sending : sendingEvents_) {
+            if (sending->md5()) inFlight.insert(*sending->md5());
+        }
         for (std::uint64_t droppedSeq : dropped.inMemory) {
             auto key = keyOfSeq_.find(droppedSeq);
             if (key == keyOfSeq_.end()) continue;
-            store.toReportEvents().erase(key->second);
-            store.retryEvents().erase(key->second);
+            // An event on its way to the collector is not taken back: it loses only
+            // its journal record, and is not counted as dropped.
+            if (inFlight.count(key->second) != 0) {
+                --dropped.count;
+            } else {
+                store.toReportEvents().erase(key->second);
+                store.retryEvents().erase(key->second);
+            }
             seqOfKey_.erase(key->second);
             keyOfSeq_.erase(key);
         }
+    }
+    if (dropped.count > 0) {
         unreportedDrops_ += dropped.count;
         ZUBDeliverySettings::getInstance().addDropped(dropped.count);
         ZUBProHelper::LogDebug("[WARN]journal full (budget %@ bytes): the %@ oldest unsent events were dropped",
