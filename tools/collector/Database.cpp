@@ -58,6 +58,8 @@ void Statement::bind(int index, const std::optional<std::int64_t>& value) {
 
 void Statement::bindNull(int index) { sqlite3_bind_null(stmt_, index); }
 
+void Statement::bindReal(int index, double value) { sqlite3_bind_double(stmt_, index, value); }
+
 bool Statement::step() {
     lastStep_ = sqlite3_step(stmt_);
     return lastStep_ == SQLITE_ROW;

@@ -35,6 +35,7 @@ public:
     void bind(int index, const std::optional<std::string>& text);
     void bind(int index, const std::optional<std::int64_t>& value);
     void bindNull(int index);
+    void bindReal(int index, double value);
 
     /// Steps once: true while a row is available; done() or error() tell the rest.
     bool step();
