@@ -155,6 +155,10 @@ bool Browser::waitFor(const std::string& script, std::chrono::milliseconds timeo
     return run(wait, zub::Value::array({timeout.count()})) == true;
 }
 
+bool Browser::resize(int width, int height) {
+    return ok() && call("POST", "/session/" + session_ + "/window/rect", {{"width", width}, {"height", height}});
+}
+
 bool Browser::screenshot(const std::filesystem::path& path) {
     const auto value = call("GET", "/session/" + session_ + "/screenshot", nullptr);
     if (!value || !value->is_string()) return false;

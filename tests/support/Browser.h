@@ -46,6 +46,8 @@ public:
     zub::Value run(const std::string& script, const zub::Value& args = zub::Value::array());
     /// Runs `script` until it returns true, at most `timeout`; false at the end of it.
     bool waitFor(const std::string& script, std::chrono::milliseconds timeout = std::chrono::seconds(60));
+    /// Makes the window `width` x `height` pixels (a phone's, a laptop's).
+    bool resize(int width, int height);
     /// Saves a PNG of the visible page (the window) to `path`.
     bool screenshot(const std::filesystem::path& path);
 

@@ -171,7 +171,9 @@
       const labels = data.series.map((r) => bucketLabel(r.t, data.range.bucket));
       const people = chartBox('Devices and sessions per ' + data.range.bucket);
       const events = chartBox('Events per ' + data.range.bucket);
-      const active = chartBox('Active time per ' + data.range.bucket + ' (minutes)');
+      // Active time in minutes, or in seconds while no bucket holds two minutes.
+      const inMinutes = data.series.some((r) => r.activeSeconds >= 120);
+      const active = chartBox('Active time per ' + data.range.bucket + (inMinutes ? ' (minutes)' : ' (seconds)'));
       nodes.push(el('div', { class: 'grid' }, people.panel, events.panel, active.panel));
       const series = (key) => data.series.map((r) => r[key]);
       return [nodes, () => {
@@ -180,8 +182,8 @@
           { label: 'New devices', data: series('newDevices') },
           { label: 'Sessions', data: series('sessions') }]);
         lineOrBar(events.canvas, 'bar', labels, [{ label: 'Events', data: series('events') }]);
-        lineOrBar(active.canvas, 'bar', labels, [{ label: 'Active minutes', data: data.series.map((r) => Math.round(r.activeSeconds / 6) / 10) }],
-          { scales: { y: { beginAtZero: true } } });
+        lineOrBar(active.canvas, 'bar', labels, [{ label: inMinutes ? 'Active minutes' : 'Active seconds',
+          data: data.series.map((r) => inMinutes ? Math.round(r.activeSeconds / 6) / 10 : r.activeSeconds) }], { scales: { y: { beginAtZero: true } } });
       }];
     },
 
