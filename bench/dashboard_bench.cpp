@@ -149,7 +149,7 @@ bool generate(const std::string& path, std::int64_t total) {
                 return false;
             }
         }
-        if (!rollups->add(session, error)) {
+        if (!rollups->add(session, ts, error)) {
             std::fprintf(stderr, "dashboard_bench: %s\n", error.c_str());
             return false;
         }

@@ -17,18 +17,25 @@ using zubtest::CollectorProcess;
 
 namespace {
 
+using Counts = std::map<std::string, std::int64_t>;
+
 const std::filesystem::path kScreenshots = std::filesystem::path(ZUB_TEST_BIN_DIR) / "dashboard-screenshots";
 
-// One launch of the demo host as its own user, reporting to `url` under `app`.
+// Two launches of the demo host as its own user, reporting to `url` under `app`
+// (the second sends what the first saved at its quit). The exit code of the
+// first that failed, else 0.
 int launchDemo(const std::string& url, const std::string& app) {
 #ifdef ZUB_DEMO_PATH
     const std::filesystem::path home = zubtest::TempHome::makeDir("user-" + app);
-    zubtest::ChildProcess demo({ZUB_DEMO_PATH, "--collector", url, "--app-key", app, "--pause-ms", "0"},
-                               {"HOME=" + home.string(), "XDG_CONFIG_HOME=" + (home / ".config").string(),
-                                "XDG_DATA_HOME=" + (home / ".local/share").string()});
-    while (demo.readLine(std::chrono::seconds(120))) {
+    for (int launch = 0; launch < 2; ++launch) {
+        zubtest::ChildProcess demo({ZUB_DEMO_PATH, "--collector", url, "--app-key", app, "--pause-ms", "0"},
+                                   {"HOME=" + home.string(), "XDG_CONFIG_HOME=" + (home / ".config").string(),
+                                    "XDG_DATA_HOME=" + (home / ".local/share").string()});
+        while (demo.readLine(std::chrono::seconds(120))) {
+        }
+        if (const int code = demo.wait(); code != 0) return code;
     }
-    return demo.wait();
+    return 0;
 #else
     (void)url;
     (void)app;
@@ -141,7 +148,9 @@ TEST(CollectorDashboard, EveryViewDrawsWhatTheDemoHostSentAndFollowsTheFilters) 
     EXPECT_EQ(wholeNumber(cards["events"]), stats["events"]);
     EXPECT_EQ(wholeNumber(cards["sessions"]), stats["sessions"]);
     EXPECT_EQ(wholeNumber(cards["devices"]), stats["devicesReporting"]);
-    EXPECT_EQ(wholeNumber(cards["newDevices"]), 2);  // each user's device is new
+    // Both users run on this one machine, which the collector knows as one device
+    // (by its hardware identifier), new in this range.
+    EXPECT_EQ(wholeNumber(cards["newDevices"]), stats["devicesReporting"]);
     dashboard.expectChartsDrawn("overview", 3);
     dashboard.screenshot("overview");
     const std::int64_t allEvents = wholeNumber(cards["events"]);
@@ -149,9 +158,9 @@ TEST(CollectorDashboard, EveryViewDrawsWhatTheDemoHostSentAndFollowsTheFilters) 
     // Pages and custom events: every row's count is the one stats gives.
     ASSERT_TRUE(dashboard.show("pages"));
     dashboard.expectChartsDrawn("pages", 2);
-    std::map<std::string, std::int64_t> expected;
+    Counts expected;
     for (const auto& page : stats["topPages"]) expected[page["pi"].get<std::string>()] = page["views"];
-    EXPECT_EQ(browser.run(kTableCounts, zub::Value::array({"pages"})).get<std::map<std::string, std::int64_t>>(),
+    EXPECT_EQ(browser.run(kTableCounts, zub::Value::array({"pages"})).get<Counts>(),
               expected);
     dashboard.screenshot("pages");
 
@@ -159,7 +168,7 @@ TEST(CollectorDashboard, EveryViewDrawsWhatTheDemoHostSentAndFollowsTheFilters) 
     dashboard.expectChartsDrawn("events", 2);
     expected.clear();
     for (const auto& event : stats["topCustomEvents"]) expected[event["ei"].get<std::string>()] = event["count"];
-    EXPECT_EQ(browser.run(kTableCounts, zub::Value::array({"events"})).get<std::map<std::string, std::int64_t>>(),
+    EXPECT_EQ(browser.run(kTableCounts, zub::Value::array({"events"})).get<Counts>(),
               expected);
     dashboard.screenshot("events");
 
@@ -167,7 +176,7 @@ TEST(CollectorDashboard, EveryViewDrawsWhatTheDemoHostSentAndFollowsTheFilters) 
     dashboard.expectChartsDrawn("audience", 5);  // system, application, language, resolution, network, zone...
     dashboard.screenshot("audience");
 
-    // Devices: the list has both users' devices; one device's timeline draws its events.
+    // Devices: the device in each application; one device's timeline draws its events.
     ASSERT_TRUE(dashboard.show("devices"));
     const zub::Value mids = browser.run("return [...document.querySelectorAll('[data-table=devices] tbody tr')]"
                                         ".map((r) => r.dataset.mid)");

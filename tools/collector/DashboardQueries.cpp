@@ -69,6 +69,24 @@ Statement rangeStatement(Database& db, const std::string& sql, const DashboardRa
     return s;
 }
 
+// A question over a table kept per hour and per day (referrers, arguments): the
+// range's whole UTC days come from the daily table, the hours before the first
+// and after the last whole day from the hourly one. Binds ?1 to ?3 as
+// rangeStatement does, ?4 the end of the leading hours, ?5 the start of the
+// trailing hours, ?6 and ?7 the whole days.
+Statement splitStatement(Database& db, const std::string& sql, const DashboardRange& range, std::string& error) {
+    Statement s = rangeStatement(db, sql, range, error);
+    if (!s.ok()) return s;
+    const std::int64_t firstDay = -floorDiv(-range.fromHour, 24);
+    const std::int64_t endDay = floorDiv(range.toHour, 24);
+    const bool wholeDays = firstDay < endDay;
+    s.bind(4, wholeDays ? firstDay * 24 : range.toHour);
+    s.bind(5, wholeDays ? endDay * 24 : range.toHour);
+    s.bind(6, wholeDays ? firstDay : std::int64_t{0});
+    s.bind(7, wholeDays ? endDay : std::int64_t{0});
+    return s;
+}
+
 bool finished(Database& db, const Statement& s, std::string& error) {
     if (!s.failed()) return true;
     error = db.lastError();
@@ -268,11 +286,14 @@ bool DashboardQueries::pages(const DashboardRange& range, std::size_t limit, zub
     }
     if (!finished(db_, s, error)) return false;
 
-    Statement referrers = rangeStatement(db_,
-                                         "SELECT page, referrer, SUM(count) FROM referrer_hours "
-                                         "WHERE hour >= ?1 AND hour < ?2 AND (?3 IS NULL OR app_key = ?3) "
-                                         "GROUP BY page, referrer",
-                                         range, error);
+    Statement referrers = splitStatement(
+        db_,
+        "SELECT page, referrer, SUM(count) FROM ("
+        "  SELECT page, referrer, count FROM referrer_hours WHERE ((hour >= ?1 AND hour < ?4) OR (hour >= ?5 AND hour < ?2))"
+        "  AND (?3 IS NULL OR app_key = ?3)"
+        "  UNION ALL SELECT page, referrer, count FROM referrer_days WHERE day >= ?6 AND day < ?7"
+        "  AND (?3 IS NULL OR app_key = ?3)) GROUP BY page, referrer",
+        range, error);
     if (!referrers.ok()) return false;
     while (referrers.step()) {
         const auto page = pages.find(referrers.isNull(0) ? std::nullopt : std::optional<std::string>(referrers.text(0)));
@@ -340,11 +361,14 @@ bool DashboardQueries::customEvents(const DashboardRange& range, std::size_t lim
     // The most frequent values of each argument of the events listed.
     std::map<Name, std::map<std::string, std::vector<std::pair<std::int64_t, std::string>>>> arguments;
     for (const auto& [name, c] : sorted) arguments[name];
-    Statement args = rangeStatement(db_,
-                                    "SELECT event, key, value, SUM(count) FROM argument_hours "
-                                    "WHERE hour >= ?1 AND hour < ?2 AND (?3 IS NULL OR app_key = ?3) "
-                                    "GROUP BY event, key, value",
-                                    range, error);
+    Statement args = splitStatement(
+        db_,
+        "SELECT event, key, value, SUM(count) FROM ("
+        "  SELECT event, key, value, count FROM argument_hours WHERE ((hour >= ?1 AND hour < ?4) OR (hour >= ?5 AND hour < ?2))"
+        "  AND (?3 IS NULL OR app_key = ?3)"
+        "  UNION ALL SELECT event, key, value, count FROM argument_days WHERE day >= ?6 AND day < ?7"
+        "  AND (?3 IS NULL OR app_key = ?3)) GROUP BY event, key, value",
+        range, error);
     if (!args.ok()) return false;
     while (args.step()) {
         const auto event = arguments.find(args.isNull(0) ? std::nullopt : Name(args.text(0)));

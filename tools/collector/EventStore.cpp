@@ -272,7 +272,7 @@ bool EventStore::storeBatchNow(const std::vector<EventRecord>& events, std::int3
             }
         }
     }
-    if (!s.rollups->add(events, error)) return false;
+    if (!s.rollups->add(events, now, error)) return false;
     outcome.stored = events.size();
     if (offeredSdk <= 0 && offeredApp <= 0) return true;
 

@@ -165,13 +165,14 @@ void addStatsOptions(CLI::App& stats, StatsOptions& o) {
         ->check(kNotEmpty)
         ->type_name("PATH");
     optionalOption(stats, "--app", o.app, "only this application key")->type_name("KEY");
-    optionalOption(stats, "--since", o.since, "events whose \"ts\" is at or after T")->transform(kTime)->type_name("T");
-    optionalOption(stats, "--until", o.until, "events whose \"ts\" is before T")->transform(kTime)->type_name("T");
+    optionalOption(stats, "--since", o.since, "events of time T or later")->transform(kTime)->type_name("T");
+    optionalOption(stats, "--until", o.until, "events before time T")->transform(kTime)->type_name("T");
     stats.add_option("--top", o.top, "rows of the top custom events and pages")
         ->check(CLI::Range(std::size_t{1}, std::size_t{1000}))
         ->type_name("N");
     stats.add_flag("--json", o.json, "one JSON object instead of tables");
-    stats.footer("T: seconds since 1970, YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS][Z] (UTC), compared with the event's \"ts\"");
+    stats.footer("T: seconds since 1970, YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS][Z] (UTC), compared with the event's \"ts\",\n"
+                 "or with when it was received for an event sent without one (\"ts\" 0 or missing)");
 }
 
 void addEventsOptions(CLI::App& events, EventsOptions& o) {

@@ -63,7 +63,8 @@ struct ServeOptions {
 struct StatsOptions {
     std::string dbPath;
     std::optional<std::string> app;
-    std::optional<std::int64_t> since;  // event "ts", seconds since 1970, inclusive
+    // The events' time: "ts", or when received for events sent without one.
+    std::optional<std::int64_t> since;  // seconds since 1970, inclusive
     std::optional<std::int64_t> until;  // exclusive
     std::size_t top = 10;
     bool json = false;

@@ -122,9 +122,12 @@ std::optional<std::int64_t> optionalInteger(const Statement& s, int column) {
 }
 
 bool collect(Database& db, const StatsOptions& options, Stats& stats, std::string& error) {
-    // The application and the range of the events' own "ts" (?5 inclusive, ?6 exclusive).
+    // The application and the range of the events' times (?5 inclusive, ?6
+    // exclusive): an event's "ts", or when it was received for one sent without
+    // (page and account events come with "ts" 0), as the dashboard counts them.
     constexpr const char* kApp =
-        "(?1 IS NULL OR app_key = ?1) AND (?5 IS NULL OR ts >= ?5) AND (?6 IS NULL OR ts < ?6)";
+        "(?1 IS NULL OR app_key = ?1) AND (?5 IS NULL OR COALESCE(NULLIF(ts, 0), received) >= ?5) "
+        "AND (?6 IS NULL OR COALESCE(NULLIF(ts, 0), received) < ?6)";
     auto prepare = [&](const std::string& sql) {
         Statement s = db.prepare(sql, error);
         if (s.ok()) {

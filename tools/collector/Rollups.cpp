@@ -64,10 +64,9 @@ struct Named {
 
 struct Span {
     OptInt first, last;
-    void take(const OptInt& ts) {
-        if (!ts || *ts == 0) return;
-        first = first ? std::min(*first, *ts) : *ts;
-        last = last ? std::max(*last, *ts) : *ts;
+    void take(std::int64_t time) {
+        first = first ? std::min(*first, time) : time;
+        last = last ? std::max(*last, time) : time;
     }
 };
 
@@ -90,26 +89,26 @@ struct BatchSummary {
     std::map<std::tuple<std::int64_t, OptText, OptText, std::string, std::string>, std::int64_t> arguments;
     std::map<std::tuple<std::int64_t, OptText, std::string, std::string>, std::int64_t> audience;
 
-    void add(const EventRecord& e) {
+    void add(const EventRecord& e, std::int64_t received) {
         const zub::Value& object = e.object;
+        const std::int64_t time = eventTime(e.time, received);
         const OptText customId = nameOf(object, "ei");
         const bool droppedReport = customId && *customId == kZUBDroppedEventsID;
         if (e.mid) {
             DeviceBatch& device = devices[{e.appKey, *e.mid}];
-            device.span.take(e.time);
+            device.span.take(time);
             ++device.events;
             const zub::Value* versionHolder = &object;
             if (e.type == 2 && object.contains("ev")) versionHolder = &object["ev"];
-            if (OptText version = nameOf(*versionHolder, "av"); version && (!device.appVersionTs || e.time >= device.appVersionTs)) {
+            if (OptText version = nameOf(*versionHolder, "av"); version && (!device.appVersionTs || time >= *device.appVersionTs)) {
                 device.appVersion = clipped(*version);
-                device.appVersionTs = e.time.value_or(0);
+                device.appVersionTs = time;
             }
-            if (e.session) sessions[{e.appKey, e.mid, *e.session}].take(e.time);
+            if (e.session) sessions[{e.appKey, e.mid, *e.session}].take(time);
         } else if (e.session) {
-            sessions[{e.appKey, std::nullopt, *e.session}].take(e.time);
+            sessions[{e.appKey, std::nullopt, *e.session}].take(time);
         }
-        if (!e.time) return;  // in no hour
-        const std::int64_t hour = hourOf(*e.time);
+        const std::int64_t hour = hourOf(time);
         Activity& activity = this->activity[{hour, e.appKey, e.mid, e.session}];
         ++activity.events;
         if (e.type == 4) activity.activeSeconds += static_cast<std::int64_t>(numberOf(object, "du").value_or(0));
@@ -215,8 +214,8 @@ struct RollupWriter::Statements {
     Statement findSession, updateSession, insertSession;
     Statement findDevice, updateDevice, insertDevice;
     Statement findNamed, updateNamed, insertNamed;
-    Statement updateReferrer, insertReferrer;
-    Statement updateArgument, insertArgument;
+    Statement updateReferrer, insertReferrer, updateReferrerDay, insertReferrerDay;
+    Statement updateArgument, insertArgument, updateArgumentDay, insertArgumentDay;
     Statement updateAudience, insertAudience;
 };
 
@@ -269,6 +268,17 @@ std::unique_ptr<RollupWriter> RollupWriter::create(Database& db, std::string& er
         error);
     s->insertArgument = db.prepare(
         "INSERT INTO argument_hours (hour, app_key, event, key, value, count) VALUES (?1, ?2, ?3, ?4, ?5, ?6)", error);
+    s->updateReferrerDay = db.prepare(
+        "UPDATE referrer_days SET count = count + ?5 WHERE day = ?1 AND app_key IS ?2 AND page IS ?3 AND referrer = ?4",
+        error);
+    s->insertReferrerDay = db.prepare(
+        "INSERT INTO referrer_days (day, app_key, page, referrer, count) VALUES (?1, ?2, ?3, ?4, ?5)", error);
+    s->updateArgumentDay = db.prepare(
+        "UPDATE argument_days SET count = count + ?6 "
+        "WHERE day = ?1 AND app_key IS ?2 AND event IS ?3 AND key = ?4 AND value = ?5",
+        error);
+    s->insertArgumentDay = db.prepare(
+        "INSERT INTO argument_days (day, app_key, event, key, value, count) VALUES (?1, ?2, ?3, ?4, ?5, ?6)", error);
     s->updateAudience = db.prepare(
         "UPDATE audience_hours SET count = count + ?5 WHERE hour = ?1 AND dimension = ?3 AND app_key IS ?2 AND value = ?4",
         error);
@@ -277,7 +287,8 @@ std::unique_ptr<RollupWriter> RollupWriter::create(Database& db, std::string& er
     for (const Statement* statement :
          {&s->updateActivity, &s->insertActivity, &s->findSession, &s->updateSession, &s->insertSession,
           &s->findDevice, &s->updateDevice, &s->insertDevice, &s->findNamed, &s->updateNamed, &s->insertNamed,
-          &s->updateReferrer, &s->insertReferrer, &s->updateArgument, &s->insertArgument, &s->updateAudience,
+          &s->updateReferrer, &s->insertReferrer, &s->updateArgument, &s->insertArgument, &s->updateReferrerDay,
+          &s->insertReferrerDay, &s->updateArgumentDay, &s->insertArgumentDay, &s->updateAudience,
           &s->insertAudience}) {
         if (!statement->ok()) {
             error = "cannot prepare the summary statements: " + error;
@@ -292,9 +303,9 @@ RollupWriter::RollupWriter(Database& db, std::unique_ptr<Statements> statements)
 
 RollupWriter::~RollupWriter() = default;
 
-bool RollupWriter::add(const std::vector<EventRecord>& events, std::string& error) {
+bool RollupWriter::add(const std::vector<EventRecord>& events, std::int64_t received, std::string& error) {
     BatchSummary batch;
-    for (const EventRecord& event : events) batch.add(event);
+    for (const EventRecord& event : events) batch.add(event, received);
     Statements& s = *s_;
     sqlite3* handle = db_.handle();
     auto fail = [&](const char* what) {
@@ -423,29 +434,50 @@ bool RollupWriter::add(const std::vector<EventRecord>& events, std::string& erro
         }
     }
 
+    // Referrers and arguments go to their hour and to their day.
+    std::map<std::tuple<std::int64_t, OptText, OptText, std::string>, std::int64_t> referrerDays;
     for (const auto& [key, count] : batch.referrers) {
         const auto& [hour, app, page, referrer] = key;
-        for (Statement* st : {&s.updateReferrer, &s.insertReferrer}) {
-            st->bind(1, hour);
-            st->bind(2, app);
-            st->bind(3, page);
-            st->bind(4, referrer);
-            st->bind(5, count);
+        referrerDays[{dayOfHour(hour), app, page, referrer}] += count;
+    }
+    for (auto* table : {&batch.referrers, &referrerDays}) {
+        const bool days = table == &referrerDays;
+        Statement& update = days ? s.updateReferrerDay : s.updateReferrer;
+        Statement& insert = days ? s.insertReferrerDay : s.insertReferrer;
+        for (const auto& [key, count] : *table) {
+            const auto& [when, app, page, referrer] = key;
+            for (Statement* st : {&update, &insert}) {
+                st->bind(1, when);
+                st->bind(2, app);
+                st->bind(3, page);
+                st->bind(4, referrer);
+                st->bind(5, count);
+            }
+            if (!upsert(update, insert)) return fail("referrers");
         }
-        if (!upsert(s.updateReferrer, s.insertReferrer)) return fail("referrers");
     }
 
+    std::map<std::tuple<std::int64_t, OptText, OptText, std::string, std::string>, std::int64_t> argumentDays;
     for (const auto& [key, count] : batch.arguments) {
         const auto& [hour, app, event, argument, value] = key;
-        for (Statement* st : {&s.updateArgument, &s.insertArgument}) {
-            st->bind(1, hour);
-            st->bind(2, app);
-            st->bind(3, event);
-            st->bind(4, argument);
-            st->bind(5, value);
-            st->bind(6, count);
+        argumentDays[{dayOfHour(hour), app, event, argument, value}] += count;
+    }
+    for (auto* table : {&batch.arguments, &argumentDays}) {
+        const bool days = table == &argumentDays;
+        Statement& update = days ? s.updateArgumentDay : s.updateArgument;
+        Statement& insert = days ? s.insertArgumentDay : s.insertArgument;
+        for (const auto& [key, count] : *table) {
+            const auto& [when, app, event, argument, value] = key;
+            for (Statement* st : {&update, &insert}) {
+                st->bind(1, when);
+                st->bind(2, app);
+                st->bind(3, event);
+                st->bind(4, argument);
+                st->bind(5, value);
+                st->bind(6, count);
+            }
+            if (!upsert(update, insert)) return fail("arguments");
         }
-        if (!upsert(s.updateArgument, s.insertArgument)) return fail("arguments");
     }
 
     for (const auto& [key, count] : batch.audience) {
@@ -471,23 +503,26 @@ bool summariseStoredEvents(Database& db, std::string& error) {
     };
     auto writer = RollupWriter::create(db, error);
     if (!writer) return rollback();
-    Statement query = db.prepare("SELECT body FROM events ORDER BY id", error);
+    // Events are summarised in runs received in the same second.
+    Statement query = db.prepare("SELECT body, received FROM events ORDER BY id", error);
     if (!query.ok()) return rollback();
     constexpr std::size_t kChunk = 1000;
     std::vector<EventRecord> chunk;
+    std::int64_t received = 0;
     while (query.step()) {
-        const zub::Value event = zub::Value::parse(query.text(0), nullptr, false);
-        if (event.is_object()) chunk.push_back(eventRecordOf(event));
-        if (chunk.size() == kChunk) {
-            if (!writer->add(chunk, error)) return rollback();
+        if (!chunk.empty() && (chunk.size() == kChunk || query.integer(1) != received)) {
+            if (!writer->add(chunk, received, error)) return rollback();
             chunk.clear();
         }
+        received = query.integer(1);
+        const zub::Value event = zub::Value::parse(query.text(0), nullptr, false);
+        if (event.is_object()) chunk.push_back(eventRecordOf(event));
     }
     if (query.failed()) {
         error = db.lastError();
         return rollback();
     }
-    if (!writer->add(chunk, error)) return rollback();
+    if (!writer->add(chunk, received, error)) return rollback();
     query = Statement();
     writer.reset();
     if (!db.exec("COMMIT", error)) return rollback();

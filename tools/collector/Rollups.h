@@ -14,14 +14,18 @@
 //                    histogram of "du" (kDurationBuckets) for medians
 //   referrer_hours   per hour, application, page and referrer ("rf"): views
 //   argument_hours   per hour, application, custom event, argument key and value
+//   referrer_days,   the same two per day (UTC): they have many rows per hour, so
+//   argument_days    a range reads whole days from these and only its partial
+//                    days at its ends from the hourly ones
 //   audience_hours   per hour, application, dimension and value of the session
 //                    events' environment ("ev"): sessions
 //
 // The kinds follow the query commands: a custom event is one with "ei" or with
 // type 1000, the library's dropped-events reports excepted; a page is type 1.
-// Times of 0 ("ts" 0 is sent on purpose by some kinds) fall in the hour of 1970
-// and outside any range a dashboard asks for; events without "ts" are counted in
-// no hour. Writers run inside the caller's transaction, on the writer thread.
+// An event's time is its "ts", or, for an event sent without one (page and
+// account events are sent with "ts" 0 on purpose), the time it was received:
+// `stats --since/--until` counts by the same time. Writers run inside the
+// caller's transaction, on the writer thread.
 #pragma once
 
 #include "Database.h"
@@ -30,6 +34,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -54,9 +59,17 @@ DurationHistogram histogramOf(const std::string& text);
 bool histogramMedian(const DurationHistogram& histogram, double& median);
 
 /// The hour (whole hours since 1970, rounded down) of a time in seconds.
+/// An event's time: its "ts", or when it was received if it has none (or 0).
+inline std::int64_t eventTime(const std::optional<std::int64_t>& ts, std::int64_t received) {
+    return ts && *ts != 0 ? *ts : received;
+}
+
 inline std::int64_t hourOf(std::int64_t seconds) {
     return seconds >= 0 ? seconds / 3600 : -((-seconds + 3599) / 3600);
 }
+
+/// The day (whole UTC days since 1970, rounded down) of an hour.
+inline std::int64_t dayOfHour(std::int64_t hour) { return hour >= 0 ? hour / 24 : -((-hour + 23) / 24); }
 
 class RollupWriter {
 public:
@@ -66,8 +79,9 @@ public:
     RollupWriter(const RollupWriter&) = delete;
     RollupWriter& operator=(const RollupWriter&) = delete;
 
-    /// Adds the events to the summaries, inside the caller's transaction.
-    bool add(const std::vector<EventRecord>& events, std::string& error);
+    /// Adds the events, received at `received` (seconds since 1970), to the
+    /// summaries, inside the caller's transaction.
+    bool add(const std::vector<EventRecord>& events, std::int64_t received, std::string& error);
 
 private:
     struct Statements;
