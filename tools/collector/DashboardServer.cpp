@@ -128,10 +128,11 @@ DashboardServer::DashboardServer(const DashboardOptions& options, std::string db
     server_.Get("/healthz", [](const httplib::Request&, httplib::Response& res) { res.set_content("ok\n", "text/plain"); });
     server_.Get("/", [this](const httplib::Request& req, httplib::Response& res) {
         if (req.has_param("token") && !options_.token.empty()) {
-            // Keep the token in a cookie the scripts cannot read, and take it out of the
-            // address bar (and so out of the history).
-            res.set_header("Set-Cookie", std::string(kCookie) + "=" + req.get_param_value("token") +
-                                             "; Path=/; HttpOnly; SameSite=Strict");
+            // The request passed the token check: keep the token in a cookie the
+            // scripts cannot read, and take it out of the address bar (and so out of
+            // the history).
+            res.set_header("Set-Cookie",
+                           std::string(kCookie) + "=" + options_.token + "; Path=/; HttpOnly; SameSite=Strict");
             res.set_redirect("/");
             return;
         }

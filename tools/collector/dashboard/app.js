@@ -127,7 +127,7 @@
         labels,
         datasets: datasets.map((d, i) => Object.assign({
           borderColor: COLORS[i % COLORS.length], backgroundColor: COLORS[i % COLORS.length] + (type === 'line' ? '33' : 'cc'),
-          tension: 0.25, pointRadius: 2, borderWidth: 2, fill: type === 'line' && datasets.length === 1,
+          cubicInterpolationMode: 'monotone', pointRadius: 2, borderWidth: 2, fill: type === 'line' && datasets.length === 1,
         }, d)),
       },
       options: Object.assign({
