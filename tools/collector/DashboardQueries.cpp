@@ -4,8 +4,7 @@
 
 #include <algorithm>
 #include <map>
-#include <unordered_map>
-#include <unordered_set>
+#include <functional>
 #include <vector>
 
 namespace zubcollector {
@@ -153,13 +152,17 @@ bool DashboardQueries::apps(zub::Value& out, std::string& error) {
 
 bool DashboardQueries::overview(const DashboardRange& range, zub::Value& out, std::string& error) {
     const Buckets buckets(range);
+    // Devices and sessions are told apart by a 64-bit digest of their keys: the
+    // counts are exact unless two of a range's keys share a digest (about one
+    // chance in 10^9 for a million keys), and no key text is copied.
+    // Distinct keys are counted by sorting (bucket, digest) pairs: no node per key.
     struct Bucket {
-        std::unordered_set<std::string> devices, sessions;
+        std::int64_t devices = 0, sessions = 0;
         std::int64_t events = 0, activeSeconds = 0, newDevices = 0, sessionsStarted = 0;
         double sessionSeconds = 0;
     };
     std::vector<Bucket> series(buckets.size());
-    std::unordered_set<std::string> devices, sessions;
+    std::vector<std::pair<std::size_t, std::uint64_t>> deviceKeys, sessionKeys;
     std::int64_t events = 0, activeSeconds = 0, dropped = 0;
 
     // Devices and sessions count once however many hours they were active in.
@@ -169,33 +172,47 @@ bool DashboardQueries::overview(const DashboardRange& range, zub::Value& out, st
         "WHERE hour >= ?1 AND hour < ?2 AND (?3 IS NULL OR app_key = ?3)",
         range, error);
     if (!activity.ok()) return false;
-    std::string sessionKey;
+    const std::hash<std::string_view> hashText;
+    // NULL and "" differ: an absent text has a digest of its own.
+    auto digest = [&](int column) -> std::uint64_t {
+        return activity.isNull(column) ? 0x9e3779b97f4a7c15ULL : hashText(activity.textView(column));
+    };
+    auto combine = [](std::uint64_t seed, std::uint64_t value) {
+        return seed ^ (value + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2));
+    };
     while (activity.step()) {
-        Bucket& b = series[buckets.ofHour(activity.integer(0))];
+        const std::size_t bucket = buckets.ofHour(activity.integer(0));
+        Bucket& b = series[bucket];
         const std::int64_t n = activity.integer(4);
         b.events += n;
         events += n;
         b.activeSeconds += activity.integer(5);
         activeSeconds += activity.integer(5);
         dropped += activity.integer(6);
-        if (!activity.isNull(2)) {
-            const std::string mid = activity.text(2);
-            b.devices.insert(mid);
-            devices.insert(mid);
-        }
+        const std::uint64_t mid = digest(2);
+        if (!activity.isNull(2)) deviceKeys.emplace_back(bucket, mid);
         if (!activity.isNull(3)) {
-            // NULL and "" differ: a marker byte tells them apart in the key.
-            sessionKey.clear();
-            sessionKey += activity.isNull(1) ? "0" : "1" + activity.text(1);
-            sessionKey += '\x1f';
-            sessionKey += activity.isNull(2) ? "0" : "1" + activity.text(2);
-            sessionKey += '\x1f';
-            sessionKey += std::to_string(activity.integer(3));
-            b.sessions.insert(sessionKey);
-            sessions.insert(sessionKey);
+            sessionKeys.emplace_back(
+                bucket, combine(combine(digest(1), mid), static_cast<std::uint64_t>(activity.integer(3))));
         }
     }
     if (!finished(db_, activity, error)) return false;
+    // Distinct per bucket, then distinct over the range.
+    auto countDistinct = [&](std::vector<std::pair<std::size_t, std::uint64_t>>& keys,
+                             std::int64_t Bucket::*perBucket) -> std::size_t {
+        std::sort(keys.begin(), keys.end());
+        keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+        std::vector<std::uint64_t> all;
+        all.reserve(keys.size());
+        for (const auto& [bucket, key] : keys) {
+            ++(series[bucket].*perBucket);
+            all.push_back(key);
+        }
+        std::sort(all.begin(), all.end());
+        return static_cast<std::size_t>(std::unique(all.begin(), all.end()) - all.begin());
+    };
+    const std::size_t devices = countDistinct(deviceKeys, &Bucket::devices);
+    const std::size_t sessions = countDistinct(sessionKeys, &Bucket::sessions);
 
     const std::int64_t from = range.fromHour * kHour;
     const std::int64_t to = range.toHour * kHour;
@@ -238,8 +255,8 @@ bool DashboardQueries::overview(const DashboardRange& range, zub::Value& out, st
 
     zub::Value totals = zub::Value::object();
     totals["events"] = events;
-    totals["sessions"] = sessions.size();
-    totals["devices"] = devices.size();
+    totals["sessions"] = sessions;
+    totals["devices"] = devices;
     totals["newDevices"] = newDevices;
     totals["activeSeconds"] = activeSeconds;
     totals["meanSessionSeconds"] = meanOrNull(lengthSum, started);
@@ -250,8 +267,8 @@ bool DashboardQueries::overview(const DashboardRange& range, zub::Value& out, st
         zub::Value row = zub::Value::object();
         row["t"] = buckets.start(i);
         row["events"] = b.events;
-        row["sessions"] = b.sessions.size();
-        row["devices"] = b.devices.size();
+        row["sessions"] = b.sessions;
+        row["devices"] = b.devices;
         row["newDevices"] = b.newDevices;
         row["activeSeconds"] = b.activeSeconds;
         row["meanSessionSeconds"] = meanOrNull(b.sessionSeconds, b.sessionsStarted);

@@ -118,9 +118,12 @@ DashboardServer::DashboardServer(const DashboardOptions& options, std::string db
         setJson(res, 500, apiError(500, "internal error").body);
         log_.always("dashboard GET " + req.path + " 500 error=\"" + what + "\"");
     });
-    // Every request but the health check passes the token check first.
+    // Every request passes the token check first, but the health check and the
+    // built-in files (code and styles, no data: the token page uses the styles).
     server_.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
-        if (req.path == "/healthz" || authorised(req)) return httplib::Server::HandlerResponse::Unhandled;
+        if (req.path == "/healthz" || req.path.rfind("/assets/", 0) == 0 || authorised(req)) {
+            return httplib::Server::HandlerResponse::Unhandled;
+        }
         refuse(req, res);
         return httplib::Server::HandlerResponse::Handled;
     });

@@ -8,7 +8,7 @@
 //   GET /healthz          "ok", without a token (for load balancers)
 //
 // Access: when a token is set (it must be, to listen beyond loopback) every
-// other request must carry it, as "Authorization: Bearer TOKEN", as the cookie
+// request but /healthz and /assets/ (code and styles, no data) must carry it, as "Authorization: Bearer TOKEN", as the cookie
 // the dashboard sets, or once as "?token=TOKEN" on a page address (which sets the
 // cookie and redirects to the address without it). Tokens are compared in
 // constant time. Without it: 401, JSON for the API and the metrics, a page that

@@ -90,6 +90,13 @@ std::string Statement::text(int column) const {
     return std::string(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)));
 }
 
+std::string_view Statement::textView(int column) const {
+    const auto* bytes = sqlite3_column_text(stmt_, column);
+    if (!bytes) return {};
+    return std::string_view(reinterpret_cast<const char*>(bytes),
+                            static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)));
+}
+
 namespace {
 
 // What went wrong with the last call on `db`, in the words of the system where it

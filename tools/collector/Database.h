@@ -50,6 +50,8 @@ public:
     std::int64_t integer(int column) const;
     double real(int column) const;
     std::string text(int column) const;
+    /// The text of a column without a copy: valid until the next step or reset.
+    std::string_view textView(int column) const;
 
 private:
     sqlite3_stmt* stmt_ = nullptr;
