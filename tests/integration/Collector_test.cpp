@@ -478,26 +478,33 @@ TEST(CollectorSchema, MigratesAnOlderDatabaseAndRefusesANewerOne) {
         ASSERT_TRUE(reply && (*reply)["ret"] == 0);
         ASSERT_EQ(collector.stop(), 0);
     }
-    EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "2\n");
+    EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "3\n");
     // Take the database back to version 1, as an older collector left it.
-    ASSERT_TRUE(sqlite(db, "DROP TABLE config_state; DROP INDEX events_ts; UPDATE schema_version SET version = 1"));
+    ASSERT_TRUE(sqlite(db, "DROP TABLE config_state; DROP INDEX events_ts; DROP INDEX events_mid; "
+                           "DROP TABLE activity_hours; DROP TABLE sessions; DROP TABLE app_devices; "
+                           "DROP TABLE named_hours; DROP TABLE referrer_hours; DROP TABLE argument_hours; "
+                           "DROP TABLE referrer_days; DROP TABLE argument_days; "
+                           "DROP TABLE audience_hours; UPDATE schema_version SET version = 1"));
     {
         CollectorProcess collector({"--config", configPath.string()}, db);
         ASSERT_TRUE(collector.start()) << collector.failure();
-        EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "2\n");
+        EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "3\n");
         EXPECT_EQ(collector.storedEvents().size(), 1u);
+        // The event stored before the dashboard's summaries existed is in them.
+        EXPECT_EQ(sqlite(db, "SELECT SUM(events) || ' ' || COUNT(*) FROM activity_hours"), "1 1\n");
         // The table the migration added is in use at once.
         const auto reply = postThroughLibrary(zub::Value::array({event("app-A", "mid-1", 4, 1, 1700000001, 2)}),
                                               collector.url("/mstat/report"));
         ASSERT_TRUE(reply && reply->contains("cfg")) << (reply ? reply->dump() : "no reply");
         EXPECT_EQ(sqlite(db, "SELECT app_version FROM config_state WHERE mid = 'mid-1'"), "4\n");
+        EXPECT_EQ(sqlite(db, "SELECT SUM(events) FROM activity_hours"), "2\n");
         ASSERT_EQ(collector.stop(), 0);
     }
     // A database from a newer collector is left alone.
     ASSERT_TRUE(sqlite(db, "UPDATE schema_version SET version = 99"));
     CollectorProcess newer({}, db);
     EXPECT_FALSE(newer.start());
-    EXPECT_NE(newer.failure().find("database schema version 99 is newer than this collector's (2)"), std::string::npos)
+    EXPECT_NE(newer.failure().find("database schema version 99 is newer than this collector's (3)"), std::string::npos)
         << newer.failure();
     const auto listed = CollectorProcess::run({"events", "--db", db.string(), "--json"});
     EXPECT_EQ(listed.exitCode, 1);

@@ -241,6 +241,14 @@ std::string CollectorProcess::url(const std::string& pathAndQuery) const {
     return "http://127.0.0.1:" + std::to_string(port_) + pathAndQuery;
 }
 
+std::string CollectorProcess::dashboardUrl(const std::string& pathAndQuery) const {
+    const zub::Value ready = zub::Value::parse(output_.substr(0, output_.find('\n')), nullptr, false);
+    if (!ready.is_object() || !ready.contains("dashboard") || !ready["dashboard"].is_string()) return {};
+    std::string base = ready["dashboard"].get<std::string>();
+    if (!base.empty() && base.back() == '/') base.pop_back();
+    return base + pathAndQuery;
+}
+
 std::string CollectorProcess::log() const {
     std::ifstream in(logPath_);
     std::stringstream text;

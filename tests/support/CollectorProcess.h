@@ -66,6 +66,9 @@ public:
 
     int port() const { return port_; }
     std::string url(const std::string& pathAndQuery) const;
+    /// The dashboard's address from the "listening" line with `pathAndQuery`
+    /// ("/api/v1/apps"); empty when the collector serves no dashboard.
+    std::string dashboardUrl(const std::string& pathAndQuery = "/") const;
     const std::filesystem::path& db() const { return db_; }
     /// Everything the collector wrote to stderr so far.
     std::string log() const;

@@ -106,10 +106,14 @@ struct CollectorServer::Entry {
     std::optional<int> ret;
     std::string detail;  // mid handed out, configuration sent, fault taken
     std::string error;
+    bool newDevice = false;  // a mid was issued to a device seen for the first time
+
+    double seconds() const {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    }
 
     std::string line(int status) const {
-        const double ms =
-            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+        const double ms = seconds() * 1000;
         char elapsed[32];
         std::snprintf(elapsed, sizeof elapsed, "%.1fms", ms);
         std::string text = "POST " + target + " " + std::to_string(status);
@@ -122,8 +126,9 @@ struct CollectorServer::Entry {
     }
 };
 
-CollectorServer::CollectorServer(const ServeOptions& options, const OnlineConfig& config, RequestLog& log)
-    : options_(options), config_(config), log_(log), faultsLeft_(options.faults.count) {
+CollectorServer::CollectorServer(const ServeOptions& options, const OnlineConfig& config, RequestLog& log,
+                                 Metrics& metrics)
+    : options_(options), config_(config), log_(log), metrics_(metrics), faultsLeft_(options.faults.count) {
     limits_.maxPlainBytes = options.maxPlainBytes;
     const std::size_t threads = options.threads;
     server_.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
@@ -154,6 +159,8 @@ CollectorServer::CollectorServer(const ServeOptions& options, const OnlineConfig
             res.status = 413;
             answerAndClose(res);
             log_.write(entry.line(res.status));
+            metrics_.recordRequest(req.path == "/mstat/report" ? Metrics::Route::Report : Metrics::Route::Mid, 413,
+                                   entry.ret, 0, false, entry.seconds());
             return 413;
         }
         return 100;
@@ -220,6 +227,9 @@ void CollectorServer::handle(Route route, const httplib::Request& req, httplib::
         res.status = 500;
     }
     log_.write(entry.line(res.status));
+    // Events count as stored only when the answer says so ("ret" 0).
+    metrics_.recordRequest(route == Route::Report ? Metrics::Route::Report : Metrics::Route::Mid, res.status, entry.ret,
+                           entry.ret == kRetOk ? entry.events : 0, entry.newDevice, entry.seconds());
 }
 
 bool CollectorServer::readBody(const httplib::Request& req, const httplib::ContentReader& reader, zub::Data& body,
@@ -351,6 +361,7 @@ void CollectorServer::handleMid(const httplib::Request& req, zub::Data body, htt
     answer["mid"] = outcome.mid;
     entry.ret = kRetOk;
     entry.detail = "mid=" + outcome.mid + (outcome.created ? " new" : "");
+    entry.newDevice = outcome.created;
     reply(res, answer);
 }
 

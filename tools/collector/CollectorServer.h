@@ -14,6 +14,7 @@
 #pragma once
 
 #include "EventStore.h"
+#include "Metrics.h"
 #include "OnlineConfig.h"
 #include "Options.h"
 
@@ -40,7 +41,7 @@ private:
 
 class CollectorServer {
 public:
-    CollectorServer(const ServeOptions& options, const OnlineConfig& config, RequestLog& log);
+    CollectorServer(const ServeOptions& options, const OnlineConfig& config, RequestLog& log, Metrics& metrics);
     CollectorServer(const CollectorServer&) = delete;
     CollectorServer& operator=(const CollectorServer&) = delete;
 
@@ -77,6 +78,7 @@ private:
     EventStore* store_ = nullptr;  // set by run() before any request is taken
     const OnlineConfig& config_;
     RequestLog& log_;
+    Metrics& metrics_;
     DecodeLimits limits_;
     std::atomic<std::int64_t> faultsLeft_;
     httplib::Server server_;

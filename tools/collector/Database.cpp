@@ -58,6 +58,8 @@ void Statement::bind(int index, const std::optional<std::int64_t>& value) {
 
 void Statement::bindNull(int index) { sqlite3_bind_null(stmt_, index); }
 
+void Statement::bindReal(int index, double value) { sqlite3_bind_double(stmt_, index, value); }
+
 bool Statement::step() {
     lastStep_ = sqlite3_step(stmt_);
     return lastStep_ == SQLITE_ROW;
@@ -86,6 +88,13 @@ std::string Statement::text(int column) const {
     const auto* bytes = sqlite3_column_text(stmt_, column);
     if (!bytes) return {};
     return std::string(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)));
+}
+
+std::string_view Statement::textView(int column) const {
+    const auto* bytes = sqlite3_column_text(stmt_, column);
+    if (!bytes) return {};
+    return std::string_view(reinterpret_cast<const char*>(bytes),
+                            static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)));
 }
 
 namespace {

@@ -35,6 +35,7 @@ public:
     void bind(int index, const std::optional<std::string>& text);
     void bind(int index, const std::optional<std::int64_t>& value);
     void bindNull(int index);
+    void bindReal(int index, double value);
 
     /// Steps once: true while a row is available; done() or error() tell the rest.
     bool step();
@@ -49,6 +50,8 @@ public:
     std::int64_t integer(int column) const;
     double real(int column) const;
     std::string text(int column) const;
+    /// The text of a column without a copy: valid until the next step or reset.
+    std::string_view textView(int column) const;
 
 private:
     sqlite3_stmt* stmt_ = nullptr;

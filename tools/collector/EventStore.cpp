@@ -1,5 +1,6 @@
 #include "EventStore.h"
 
+#include "Rollups.h"
 #include "Schema.h"
 
 #include <algorithm>
@@ -70,6 +71,7 @@ struct EventStore::Statements {
     Statement insertDevice;
     Statement readConfigState;
     Statement writeConfigState;  // sets the versions that are given, keeps the others
+    std::unique_ptr<RollupWriter> rollups;  // the dashboard's summaries
 };
 
 std::unique_ptr<EventStore> EventStore::open(const std::string& path, std::string& error) {
@@ -111,6 +113,8 @@ bool EventStore::prepare(std::string& error) {
         "sdk_version = COALESCE(excluded.sdk_version, sdk_version), "
         "app_version = COALESCE(excluded.app_version, app_version), updated = excluded.updated",
         error);
+    s.rollups = RollupWriter::create(db, error);
+    if (!s.rollups) return false;
     for (const Statement* statement :
          {&s.insertEvent, &s.touchDevice, &s.findByMid, &s.findByUi, &s.findByIoa, &s.findByIfv, &s.updateDevice,
           &s.insertDevice, &s.readConfigState, &s.writeConfigState}) {
@@ -268,6 +272,7 @@ bool EventStore::storeBatchNow(const std::vector<EventRecord>& events, std::int3
             }
         }
     }
+    if (!s.rollups->add(events, now, error)) return false;
     outcome.stored = events.size();
     if (offeredSdk <= 0 && offeredApp <= 0) return true;
 

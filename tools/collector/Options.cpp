@@ -119,16 +119,60 @@ void addServeOptions(CLI::App& serve, ServeOptions& o) {
         ->group(faults);
 }
 
+void addDashboardOptions(CLI::App& serve, DashboardOptions& d) {
+    const std::string group = "Dashboard, JSON API and metrics";
+    serve
+        .add_option_function<std::string>(
+            "--dashboard",
+            [&d](const std::string& value) {
+                if (value == "off") {
+                    d.enabled = false;
+                    return;
+                }
+                int port = 0;
+                parseHostPort(value, d.address, port);
+                d.port = port;
+            },
+            "where to serve them, or off")
+        ->check(CLI::Validator(
+            [](std::string& value) {
+                std::string address;
+                int port = 0;
+                if (value == "off" || parseHostPort(value, address, port)) return std::string();
+                return std::string("expected ADDR:PORT (e.g. 127.0.0.1:47801, [::1]:0) or off");
+            },
+            ""))
+        ->type_name("ADDR:PORT")
+        ->default_str("127.0.0.1:(report port + 1)")
+        ->group(group);
+    auto* token = serve.add_option("--dashboard-token", d.token, "access token every dashboard request must carry "
+                                                                "(required to listen beyond loopback)")
+                      ->check(CLI::Validator([](std::string& value) { return tokenProblem(value); }, ""))
+                      ->type_name("TOKEN")
+                      ->default_str("none")
+                      ->group(group);
+    auto* file = serve.add_option("--dashboard-token-file", d.tokenFile, "read the access token from the first line of FILE")
+                     ->check(CLI::ExistingFile)
+                     ->type_name("FILE")
+                     ->default_str("none")
+                     ->group(group);
+    token->excludes(file);
+}
+
 void addStatsOptions(CLI::App& stats, StatsOptions& o) {
     stats.add_option("--db", o.dbPath, "collector database (opened read-only)")
         ->required()
         ->check(kNotEmpty)
         ->type_name("PATH");
     optionalOption(stats, "--app", o.app, "only this application key")->type_name("KEY");
+    optionalOption(stats, "--since", o.since, "events of time T or later")->transform(kTime)->type_name("T");
+    optionalOption(stats, "--until", o.until, "events before time T")->transform(kTime)->type_name("T");
     stats.add_option("--top", o.top, "rows of the top custom events and pages")
         ->check(CLI::Range(std::size_t{1}, std::size_t{1000}))
         ->type_name("N");
     stats.add_flag("--json", o.json, "one JSON object instead of tables");
+    stats.footer("T: seconds since 1970, YYYY-MM-DD or YYYY-MM-DDTHH:MM[:SS][Z] (UTC), compared with the event's \"ts\",\n"
+                 "or with when it was received for an event sent without one (\"ts\" 0 or missing)");
 }
 
 void addEventsOptions(CLI::App& events, EventsOptions& o) {
@@ -157,6 +201,37 @@ bool isCommand(CLI::App& app, const std::string& word) {
 }
 
 }  // namespace
+
+bool parseHostPort(const std::string& text, std::string& address, int& port) {
+    const std::size_t colon = text.rfind(':');
+    if (colon == std::string::npos || colon == 0) return false;
+    std::string host = text.substr(0, colon);
+    if (host.front() == '[') {
+        if (host.size() < 3 || host.back() != ']') return false;
+        host = host.substr(1, host.size() - 2);
+    } else if (host.find(':') != std::string::npos) {
+        return false;  // an IPv6 address needs its brackets
+    }
+    const std::string digits = text.substr(colon + 1);
+    int value = 0;
+    const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    if (digits.empty() || ec != std::errc() || end != digits.data() + digits.size() || value < 0 || value > 65535) {
+        return false;
+    }
+    address = host;
+    port = value;
+    return true;
+}
+
+std::string tokenProblem(const std::string& token) {
+    if (token.size() < 8 || token.size() > 256) return "a token has 8 to 256 characters";
+    for (const char c : token) {
+        if (c <= ' ' || c > '~' || c == ';' || c == ',') {
+            return "a token is printable characters without spaces, ';' or ','";
+        }
+    }
+    return {};
+}
 
 std::optional<std::int64_t> parseTime(const std::string& value) {
     if (const auto seconds = parseSeconds(value)) return seconds;
@@ -203,6 +278,7 @@ CommandLine parseCommandLine(const std::vector<std::string>& args, std::ostream&
     CLI::App* stats = app.add_subcommand("stats", "summarise what a collector database holds");
     CLI::App* events = app.add_subcommand("events", "list the events a collector database holds");
     addServeOptions(*serve, line.serve);
+    addDashboardOptions(*serve, line.serve.dashboard);
     addStatsOptions(*stats, line.stats);
     addEventsOptions(*events, line.events);
     app.footer("With no command the server runs: zub-collector [serve options].\n"
@@ -251,6 +327,14 @@ CommandLine parseCommandLine(const std::vector<std::string>& args, std::ostream&
         line.command = CommandLine::Command::Events;
     } else {
         line.command = CommandLine::Command::Serve;
+        DashboardOptions& d = line.serve.dashboard;
+        if (!d.port) d.port = line.serve.port == 0 || line.serve.port == 65535 ? 0 : line.serve.port + 1;
+        if (d.enabled && *d.port == line.serve.port && line.serve.port != 0) {
+            err << kProgram << ": the dashboard cannot share the report port " << line.serve.port
+                << " (devices reach that one; choose another with --dashboard ADDR:PORT)\n";
+            line.command = CommandLine::Command::Exit;
+            line.exitCode = kExitUsage;
+        }
     }
     return line;
 }

@@ -1,7 +1,7 @@
 // Command line of zub-collector (parsed with CLI11).
 //
 //   zub-collector [serve] [server options]      run the report and identifier server
-//   zub-collector stats  --db PATH [--app KEY] [--top N] [--json]
+//   zub-collector stats  --db PATH [--app KEY] [--since T] [--until T] [--top N] [--json]
 //   zub-collector events --db PATH [--since T] [--until T] [--type ET] [--app KEY]
 //                        [--mid MID] [--limit N] [--json]
 //   zub-collector help [COMMAND] | --help | --version
@@ -33,6 +33,16 @@ struct FaultOptions {
     bool any() const { return ret || status || delayMs > 0 || drop; }
 };
 
+/// Where and how the dashboard, its API and the metrics are served.
+struct DashboardOptions {
+    bool enabled = true;
+    std::string address = "127.0.0.1";
+    /// Default: the report port + 1 (0, a free port, when the report port is 0).
+    std::optional<int> port;
+    std::string token;      // required for every request when set; needed beyond loopback
+    std::string tokenFile;  // where the token was read from (its first line), if anywhere
+};
+
 struct ServeOptions {
     std::string address = "127.0.0.1";
     int port = 0;  // set from the build's default in parseCommandLine
@@ -47,11 +57,15 @@ struct ServeOptions {
     std::size_t maxPlainBytes = 32u << 20;  // deciphered and inflated body ceiling
     bool quiet = false;          // no per-request log lines
     FaultOptions faults;
+    DashboardOptions dashboard;
 };
 
 struct StatsOptions {
     std::string dbPath;
     std::optional<std::string> app;
+    // The events' time: "ts", or when received for events sent without one.
+    std::optional<std::int64_t> since;  // seconds since 1970, inclusive
+    std::optional<std::int64_t> until;  // exclusive
     std::size_t top = 10;
     bool json = false;
 };
@@ -83,6 +97,13 @@ inline constexpr int kExitUsage = 2;
 /// Parses the arguments (argv without the program name). Help and the version go
 /// to `out`, a bad command line is explained on `err`; both give Command::Exit.
 CommandLine parseCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
+/// Splits "ADDR:PORT" ("[ADDR]:PORT" for IPv6); false when it is not that.
+bool parseHostPort(const std::string& text, std::string& address, int& port);
+
+/// Why a dashboard token cannot be used (empty when it can): 8 to 256 printable
+/// characters without spaces, ';' or ','.
+std::string tokenProblem(const std::string& token);
 
 /// Reads a time given as seconds since 1970 or as a UTC date "YYYY-MM-DD" or
 /// date and time "YYYY-MM-DDTHH:MM[:SS][Z]".

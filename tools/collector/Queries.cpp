@@ -122,10 +122,19 @@ std::optional<std::int64_t> optionalInteger(const Statement& s, int column) {
 }
 
 bool collect(Database& db, const StatsOptions& options, Stats& stats, std::string& error) {
-    constexpr const char* kApp = "(?1 IS NULL OR app_key = ?1)";
+    // The application and the range of the events' times (?5 inclusive, ?6
+    // exclusive): an event's "ts", or when it was received for one sent without
+    // (page and account events come with "ts" 0), as the dashboard counts them.
+    constexpr const char* kApp =
+        "(?1 IS NULL OR app_key = ?1) AND (?5 IS NULL OR COALESCE(NULLIF(ts, 0), received) >= ?5) "
+        "AND (?6 IS NULL OR COALESCE(NULLIF(ts, 0), received) < ?6)";
     auto prepare = [&](const std::string& sql) {
         Statement s = db.prepare(sql, error);
-        if (s.ok()) s.bind(1, options.app);
+        if (s.ok()) {
+            s.bind(1, options.app);
+            s.bind(5, options.since);
+            s.bind(6, options.until);
+        }
         return s;
     };
 
@@ -244,6 +253,8 @@ void printStatsJson(const Stats& stats, std::ostream& out) {
 void printStatsTable(const Stats& stats, const StatsOptions& options, std::ostream& out) {
     out << "Collector database " << options.dbPath;
     if (options.app) out << ", application " << *options.app;
+    if (options.since) out << ", events from " << utcText(*options.since) << " UTC";
+    if (options.until) out << ", events before " << utcText(*options.until) << " UTC";
     out << "\n\n";
     Table summary({"what", "count"});
     summary.add({"events", std::to_string(stats.events)});

@@ -70,7 +70,9 @@ std::optional<std::int64_t> reportedVersion(const zub::Value& event, const char*
     return integerField(*block, "v");
 }
 
-EventRecord recordOf(const zub::Value& event) {
+}  // namespace
+
+EventRecord eventRecordOf(const zub::Value& event) {
     EventRecord record;
     record.appKey = stringField(event, "ky");
     record.mid = stringField(event, "mid");
@@ -84,10 +86,9 @@ EventRecord recordOf(const zub::Value& event) {
     record.sdkConfigVersion = reportedVersion(event, "1");
     record.appConfigVersion = reportedVersion(event, "2");
     record.json = event.dump(-1, ' ', false, zub::Value::error_handler_t::replace);
+    record.object = event;
     return record;
 }
-
-}  // namespace
 
 std::size_t jsonNestingDepth(std::string_view text) {
     std::size_t depth = 0;
@@ -149,7 +150,7 @@ ReportBatch decodeReport(zub::Data wire, std::string_view contentEncoding, std::
                                                         event.type_name() + ", not an object"};
             return batch;
         }
-        batch.events.push_back(recordOf(event));
+        batch.events.push_back(eventRecordOf(event));
     }
     return batch;
 }

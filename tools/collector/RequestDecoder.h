@@ -49,7 +49,11 @@ struct EventRecord {
     std::optional<std::int64_t> sdkConfigVersion;
     std::optional<std::int64_t> appConfigVersion;
     std::string json;  // the whole event object as compact JSON text
+    zub::Value object;  // the same object, parsed (read by the dashboard's summaries)
 };
+
+/// The record of one event object of a batch.
+EventRecord eventRecordOf(const zub::Value& event);
 
 struct ReportBatch {
     std::vector<EventRecord> events;

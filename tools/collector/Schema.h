@@ -4,11 +4,13 @@
 // writing brings it to kSchemaVersion, one migration per step, each in its own
 // transaction; a database from a newer collector is refused, never altered.
 //
-// Tables (version 2):
+// Tables (version 3):
 //   devices(mid PRIMARY KEY, ifv, ioa, ui, first_seen, last_seen)
 //   events(id, app_key, mid, et, si, ts, idx, body, received)   one row per event
 //   config_state(app_key, mid, sdk_version, app_version, updated)
 //     the configuration block versions a client is known to hold.
+//   activity_hours, sessions, app_devices, named_hours, referrer_hours,
+//   argument_hours, audience_hours: the dashboard's summaries (Rollups.h).
 // Times are whole seconds since 1970.
 #pragma once
 
@@ -18,7 +20,7 @@
 
 namespace zubcollector {
 
-inline constexpr int kSchemaVersion = 2;
+inline constexpr int kSchemaVersion = 3;
 
 /// Creates or upgrades the schema; false and a message when it cannot.
 bool migrateSchema(Database& db, std::string& error);

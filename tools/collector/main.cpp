@@ -6,6 +6,8 @@
 // lines go to stderr. SIGINT and SIGTERM stop the server: requests in progress
 // are answered and committed before the database is closed.
 #include "CollectorServer.h"
+#include "DashboardServer.h"
+#include "Metrics.h"
 #include "EventStore.h"
 #include "OnlineConfig.h"
 #include "Options.h"
@@ -17,6 +19,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <iostream>
 #include <thread>
 
@@ -40,7 +43,34 @@ namespace {
 
 using namespace zubcollector;
 
-int serve(const ServeOptions& options) {
+// Settles the dashboard's access token: read from its file when one is named, and
+// required when the dashboard listens beyond loopback. False (and why) when the
+// server must not start.
+bool settleDashboardToken(DashboardOptions& dashboard, std::string& error) {
+    if (!dashboard.enabled) return true;
+    if (!dashboard.tokenFile.empty()) {
+        std::ifstream file(dashboard.tokenFile);
+        std::string line;
+        if (!file || !std::getline(file, line)) {
+            error = "cannot read the dashboard token from " + dashboard.tokenFile;
+            return false;
+        }
+        while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
+        if (const std::string problem = tokenProblem(line); !problem.empty()) {
+            error = "the dashboard token in " + dashboard.tokenFile + " cannot be used: " + problem;
+            return false;
+        }
+        dashboard.token = line;
+    }
+    if (dashboard.token.empty() && !DashboardServer::isLoopback(dashboard.address)) {
+        error = "the dashboard would listen on " + dashboard.address +
+                ", beyond loopback, without an access token: give --dashboard-token or --dashboard-token-file";
+        return false;
+    }
+    return true;
+}
+
+int serve(ServeOptions options) {
     // Signals are taken by one thread with sigwait, so they never interrupt the
     // others; every thread started below inherits this mask.
     sigset_t stopSignals;
@@ -61,11 +91,26 @@ int serve(const ServeOptions& options) {
         }
         config = std::move(*loaded);
     }
-    CollectorServer server(options, config, log);
+    if (!settleDashboardToken(options.dashboard, error)) {
+        std::cerr << "zub-collector: " << error << "\n";
+        return 2;
+    }
+    Metrics metrics(options.dbPath);
+    CollectorServer server(options, config, log, metrics);
     const int port = server.bind(error);
     if (port <= 0) {
         std::cerr << "zub-collector: " << error << "\n";
         return 1;
+    }
+    std::unique_ptr<DashboardServer> dashboard;
+    int dashboardPort = -1;
+    if (options.dashboard.enabled) {
+        dashboard = std::make_unique<DashboardServer>(options.dashboard, options.dbPath, metrics, log);
+        dashboardPort = dashboard->bind(error);
+        if (dashboardPort <= 0) {
+            std::cerr << "zub-collector: " << error << "\n";
+            return 1;
+        }
     }
     auto store = EventStore::open(options.dbPath, error);
     if (!store) {
@@ -77,11 +122,27 @@ int serve(const ServeOptions& options) {
     ready["address"] = options.address;
     ready["port"] = port;
     ready["db"] = options.dbPath;
+    if (dashboard) {
+        const std::string& host = options.dashboard.address;
+        const bool v6 = host.find(':') != std::string::npos;
+        ready["dashboard"] = "http://" + (v6 ? "[" + host + "]" : host) + ":" + std::to_string(dashboardPort) + "/";
+    }
     std::printf("%s\n", ready.dump(-1, ' ', false, zub::Value::error_handler_t::replace).c_str());
     std::fflush(stdout);
     log.always("zub-collector listening on " + options.address + ":" + std::to_string(port) + ", database " +
                options.dbPath + (config.empty() ? "" : ", configuration " + options.configPath) +
-               (options.faults.any() ? ", faults on" : ""));
+               (options.faults.any() ? ", faults on" : "") +
+               (dashboard ? ", dashboard on " + options.dashboard.address + ":" + std::to_string(dashboardPort) +
+                                (options.dashboard.token.empty() ? "" : " (token required)")
+                          : ""));
+    std::thread dashboardThread;
+    std::atomic<bool> dashboardEnded{false};
+    if (dashboard) {
+        dashboardThread = std::thread([&] {
+            if (!dashboard->run()) log.always("zub-collector: the dashboard stopped serving");
+            dashboardEnded = true;
+        });
+    }
 
     std::atomic<bool> finished{false};
     std::thread signalThread([&] {
@@ -99,11 +160,25 @@ int serve(const ServeOptions& options) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     });
+    // The dashboard stops with the report server, whichever way that ends. Its
+    // stop() acts only once its loop runs, so wait for that (or for its end).
+    auto stopDashboard = [&] {
+        if (!dashboard) return;
+        while (!dashboardEnded.load()) {
+            if (dashboard->running()) {
+                dashboard->stop();
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        dashboardThread.join();
+    };
 
     const bool served = server.run(*store);
     finished = true;
     pthread_kill(signalThread.native_handle(), SIGTERM);  // blocked here: only wakes sigwait
     signalThread.join();
+    stopDashboard();
 
     store->close();
     log.always("zub-collector stopped; " + std::to_string(store->storedEvents()) + " events stored this run");

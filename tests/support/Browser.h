@@ -1,0 +1,63 @@
+// A headless Chromium driven through chromedriver's WebDriver protocol (JSON over
+// HTTP on loopback), for tests that look at a page as a person would.
+//
+//   if (auto why = zubtest::Browser::missing()) GTEST_SKIP() << *why;
+//   zubtest::Browser browser;
+//   ASSERT_TRUE(browser.ok()) << browser.failure();
+//   browser.open(url);
+//   browser.waitFor("return document.body.dataset.state === 'ready'");
+//   zub::Value n = browser.run("return document.title");
+//   browser.screenshot(path);
+//
+// The driver and the browser run as child processes with a profile under the
+// test's HOME; the destructor ends the session and the driver.
+#pragma once
+
+#include "support/ChildProcess.h"
+
+#include <ZUBCocoa/ZUBValue.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace zubtest {
+
+class Browser {
+public:
+    /// Why no browser can run here (Chromium or its driver not installed), or nothing.
+    static std::optional<std::string> missing();
+
+    /// Starts the driver and a headless browser of `width` x `height` pixels.
+    explicit Browser(int width = 1280, int height = 1000);
+    ~Browser();
+    Browser(const Browser&) = delete;
+    Browser& operator=(const Browser&) = delete;
+
+    bool ok() const { return !session_.empty(); }
+    const std::string& failure() const { return failure_; }
+
+    /// Loads `url` and waits for the page's load event.
+    bool open(const std::string& url);
+    /// Runs `script` (a function body: `return ...`) in the page with `args`; its
+    /// value, or null with failure() set when it threw.
+    zub::Value run(const std::string& script, const zub::Value& args = zub::Value::array());
+    /// Runs `script` until it returns true, at most `timeout`; false at the end of it.
+    bool waitFor(const std::string& script, std::chrono::milliseconds timeout = std::chrono::seconds(60));
+    /// Makes the window `width` x `height` pixels (a phone's, a laptop's).
+    bool resize(int width, int height);
+    /// Saves a PNG of the visible page (the window) to `path`.
+    bool screenshot(const std::filesystem::path& path);
+
+private:
+    std::optional<zub::Value> call(const std::string& method, const std::string& path, const zub::Value& body);
+
+    std::unique_ptr<ChildProcess> driver_;
+    int port_ = -1;
+    std::string session_;
+    std::string failure_;
+};
+
+}  // namespace zubtest
