@@ -201,6 +201,37 @@ void BM_OfflineMillion(benchmark::State& state) {
         state.counters["flushed"] = flushed ? 1 : 0;
     }
 }
+// Memory per waiting event: 50,000 custom events with 3 string pairs, tracked by
+// a started library (journal on) with no mid, so every one waits in memory;
+// the growth of the resident set divided by the events. Target: <= 512 bytes.
+void BM_MemoryPerWaitingEvent(benchmark::State& state) {
+    home();
+    const long events = state.range(0);
+    zubtest::CollectorProcess collector({"--quiet"});
+    if (!useCollector(collector)) {
+        state.SkipWithError("the collector did not start");
+        return;
+    }
+    ZUBPro::startWithAppKey("bench-app");
+    zub::flush(std::chrono::seconds(30));
+    zub::DeliveryLimits limits;
+    limits.maxEventsInMemory = static_cast<std::size_t>(events) + 1000;  // all of them held in memory
+    zub::setDeliveryLimits(limits);
+    for (auto _ : state) {
+        ZUBDeviceIDDal::getInstance().saveMID("");
+        const double before = residentBytes();
+        for (long i = 0; i < events; ++i) {
+            ZUBPro::trackCustomEvent("export", {{"format", "pdf"}, {"size", "a4"}, {"n", std::to_string(i)}});
+        }
+        zubtest::settlePipeline();
+        state.counters["bytes_per_event"] = (residentBytes() - before) / static_cast<double>(events);
+        ZUBPro::startWithAppKey("bench-app");  // registered again: the events go, memory is freed for the next run
+        zub::flush(std::chrono::minutes(5));
+    }
+    zub::setDeliveryLimits(zub::DeliveryLimits{});
+}
+BENCHMARK(BM_MemoryPerWaitingEvent)->Arg(50'000)->Iterations(1)->Unit(benchmark::kSecond);
+
 void BM_FourThreadsExactlyOnce(benchmark::State& state) {
     home();
     const long events = state.range(0);

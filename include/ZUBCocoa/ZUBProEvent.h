@@ -102,6 +102,11 @@ public:
     bool isWrongWifi() const { return isWrongWifi_; }
     void setIsWrongWifi(bool v) { isWrongWifi_ = v; }
 
+protected:
+    /// An event made at `nowMicros` (a reading of the library's clock), for the
+    /// library's own events, which take their timestamp from the same reading.
+    explicit ZUBProEvent(std::int64_t nowMicros);
+
 private:
     std::optional<std::string> md5_;
     std::int64_t type_ = 0;

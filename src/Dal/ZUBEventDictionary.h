@@ -5,6 +5,9 @@
 // under a key that is already present replaces the event in place (the key keeps
 // its position). Saved log files keep the order, so it survives a restart.
 //
+// The index refers to the keys held in the list's nodes (which never move), so
+// each key is stored once.
+//
 // Not synchronised: the event store's lock guards every use.
 #pragma once
 
@@ -14,6 +17,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 
@@ -41,7 +45,8 @@ public:
             return;
         }
         entries_.emplace_back(key, std::move(event));
-        index_.emplace(key, std::prev(entries_.end()));
+        const auto last = std::prev(entries_.end());
+        index_.emplace(std::string_view(last->first), last);
     }
     EventPtr get(const std::string& key) const {
         auto it = index_.find(key);
@@ -51,13 +56,14 @@ public:
     bool erase(const std::string& key) {
         auto it = index_.find(key);
         if (it == index_.end()) return false;
-        entries_.erase(it->second);
+        const auto entry = it->second;
         index_.erase(it);
+        entries_.erase(entry);
         return true;
     }
     void clear() {
-        entries_.clear();
         index_.clear();
+        entries_.clear();
     }
     std::size_t size() const { return entries_.size(); }
     bool empty() const { return entries_.empty(); }
@@ -66,5 +72,5 @@ public:
 
 private:
     std::list<Entry> entries_;
-    std::unordered_map<std::string, std::list<Entry>::iterator> index_;
+    std::unordered_map<std::string_view, std::list<Entry>::iterator> index_;  // views of the keys in entries_
 };

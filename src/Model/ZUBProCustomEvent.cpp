@@ -45,19 +45,19 @@ zub::Value pairsOf(const std::optional<std::string>& eventID, zub::Value dict) {
 ZUBProCustomEvent::ZUBProCustomEvent(const zub::Coder& coder)
     : ZUBProEvent(coder),
       eventID_(coder.decodeStringForKey("eventID")),
-      kvs_(coder.decodeObjectForKey("kvs").value_or(zub::Value())),
+      args_(coder.decodeObjectForKey("kvs").value_or(zub::Value())),
       duration_(coder.decodeInt64ForKey("duration")) {}
 
 void ZUBProCustomEvent::encodeWithCoder(zub::Coder& coder) const {
     ZUBProEvent::encodeWithCoder(coder);
     coder.encodeString(eventID_, "eventID");
-    if (!kvs_.is_null()) coder.encodeObject(kvs_, "kvs");
+    if (!args_.absent()) coder.encodeObject(args_.toValue(), "kvs");
     coder.encodeInt64(duration_, "duration");
 }
 
 void ZUBProCustomEvent::encode(zub::Value& envelope) {
     if (eventID_) envelope["ei"] = *eventID_;
-    if (!kvs_.is_null()) envelope["kv"] = kvs_;
+    if (!args_.absent()) envelope["kv"] = args_.toValue();
     if (duration_ != 0) envelope["du"] = static_cast<std::uint64_t>(duration_);
 }
 
@@ -75,28 +75,32 @@ std::string ZUBProCustomEvent::getCustomEventKey(const std::optional<std::string
 }
 
 std::shared_ptr<ZUBProCustomEvent> ZUBProCustomEvent::makeImmediate(const std::optional<std::string>& eventID) {
-    auto event = std::make_shared<ZUBProCustomEvent>();
+    // One reading of the clock gives the event its digits, its timestamp and its session.
+    const std::int64_t now = zub::Clock::nowMicros();
+    auto event = std::make_shared<ZUBProCustomEvent>(now);
     event->setEventID(eventID);
     event->setAppkey(ZUBProConfig::getInstance().appkey());
     event->setIsImportant(true);
-    event->setTs(zub::Clock::nowSeconds());
+    event->setTs(zub::Clock::secondsOf(now));
     event->setType(kCustomEventType);
     return event;
 }
 
 void ZUBProCustomEvent::reportCustomEvent(const std::optional<std::string>& eventID, zub::Value dict) {
-    auto event = makeImmediate(eventID);
-    event->setKvs(pairsOf(eventID, std::move(dict)));
-    event->setSid(ZUBSessionEvent::getSessionID(false));
-    ZUBEventLogic::getInstance().reportEvent(std::move(event));
+    reportCustomEvent(eventID, ZUBEventArgs(pairsOf(eventID, std::move(dict))));
 }
 
 void ZUBProCustomEvent::reportCustomEventDuration(const std::optional<std::string>& eventID, zub::Value dict,
                                                   std::int64_t duration) {
+    reportCustomEvent(eventID, ZUBEventArgs(pairsOf(eventID, std::move(dict))), duration);
+}
+
+void ZUBProCustomEvent::reportCustomEvent(const std::optional<std::string>& eventID, ZUBEventArgs args,
+                                          std::int64_t duration) {
     auto event = makeImmediate(eventID);
     event->setDuration(duration);
-    event->setKvs(pairsOf(eventID, std::move(dict)));
-    event->setSid(ZUBSessionEvent::getSessionID(false));
+    event->setArgs(std::move(args));
+    event->setSid(ZUBSessionEvent::getSessionID(false, event->ts()));
     ZUBEventLogic::getInstance().reportEvent(std::move(event));
 }
 

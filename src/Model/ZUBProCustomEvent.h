@@ -10,6 +10,8 @@
 // and importance stay as a new event has them.
 #pragma once
 
+#include "Model/ZUBEventArgs.h"
+
 #include <ZUBCocoa/ZUBProEvent.h>
 
 #include <cstdint>
@@ -19,6 +21,8 @@
 class ZUBProCustomEvent : public ZUBProEvent {
 public:
     ZUBProCustomEvent() = default;
+    /// A new event made at `nowMicros` (see makeImmediate).
+    explicit ZUBProCustomEvent(std::int64_t nowMicros) : ZUBProEvent(nowMicros) {}
     explicit ZUBProCustomEvent(const zub::Coder& coder);
     std::string className() const override { return "ZUBProCustomEvent"; }
     void encodeWithCoder(zub::Coder& coder) const override;
@@ -29,6 +33,9 @@ public:
     static void reportCustomEvent(const std::optional<std::string>& eventID, zub::Value dict);
     static void reportCustomEventDuration(const std::optional<std::string>& eventID, zub::Value dict,
                                           std::int64_t duration);
+    /// The same, with the pairs already packed (ZUBEventArgs::pack).
+    static void reportCustomEvent(const std::optional<std::string>& eventID, ZUBEventArgs args,
+                                  std::int64_t duration = 0);
     static void reportCustomEventBegin(const std::optional<std::string>& eventID, const zub::Value& dict);
     static void reportCustomEventEnd(const std::optional<std::string>& eventID, zub::Value dict);
     /// The timer key: identifier + "[" + key and value texts of each pair + "]".
@@ -36,8 +43,10 @@ public:
 
     const std::optional<std::string>& eventID() const { return eventID_; }
     void setEventID(std::optional<std::string> v) { eventID_ = std::move(v); }
-    const zub::Value& kvs() const { return kvs_; }
-    void setKvs(zub::Value v) { kvs_ = std::move(v); }
+    /// The pairs as a JSON object, or null when the event has none.
+    zub::Value kvs() const { return args_.toValue(); }
+    void setKvs(zub::Value v) { args_ = ZUBEventArgs(std::move(v)); }
+    void setArgs(ZUBEventArgs args) { args_ = std::move(args); }
     std::int64_t duration() const { return duration_; }
     void setDuration(std::int64_t v) { duration_ = v; }
 
@@ -45,6 +54,6 @@ private:
     static std::shared_ptr<ZUBProCustomEvent> makeImmediate(const std::optional<std::string>& eventID);
 
     std::optional<std::string> eventID_;
-    zub::Value kvs_;  // null when absent
+    ZUBEventArgs args_;
     std::int64_t duration_ = 0;
 };

@@ -17,8 +17,8 @@ std::atomic<std::uint64_t> gSerialisations{0};
 
 // The microsecond part of the clock as six zero-padded digits (written by hand:
 // every event takes them on the host's thread).
-std::string microsDigits() {
-    std::int64_t micros = zub::Clock::nowMicros() % 1000000;
+std::string microsDigits(std::int64_t now = zub::Clock::nowMicros()) {
+    std::int64_t micros = now % 1000000;
     if (micros < 0) micros = -micros;
     std::string digits(6, '0');
     for (int i = 5; i >= 0 && micros > 0; --i, micros /= 10) digits[static_cast<std::size_t>(i)] = static_cast<char>('0' + micros % 10);
@@ -80,6 +80,8 @@ void logUnwritable(const ZUBProEvent& event, const zub::Value& envelope) {
 }  // namespace
 
 ZUBProEvent::ZUBProEvent() : timeStr_(microsDigits().erase(0, 2)) {}
+
+ZUBProEvent::ZUBProEvent(std::int64_t nowMicros) : timeStr_(microsDigits(nowMicros).erase(0, 2)) {}
 
 ZUBProEvent::ZUBProEvent(const zub::Coder& coder) {
     // Restoring starts from a bare object: no timeStr, not marked wrong-wifi.

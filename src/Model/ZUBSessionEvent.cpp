@@ -30,13 +30,16 @@ std::uint64_t ZUBSessionEvent::generateSessionID() {
 }
 
 std::uint64_t ZUBSessionEvent::getSessionID(bool isActive) {
+    return getSessionID(isActive, zub::Clock::nowSeconds());
+}
+
+std::uint64_t ZUBSessionEvent::getSessionID(bool isActive, const std::uint64_t now) {
     // Session events made here are reported after the lock is released, so the
     // report queue never waits on a host thread's session check.
     int newSessions = 0;
     std::uint64_t id = 0;
     {
         std::lock_guard lock(sessionLock());
-        const std::uint64_t now = zub::Clock::nowSeconds();
         if (isActive && now - ZUBSessionClock::lastSessionTs() >= ZUBProConfig::getInstance().sessionTimeoutSecs()) {
             ZUBSessionClock::setSessionID(generateSessionID());
             ++newSessions;

@@ -22,6 +22,8 @@ public:
     std::string className() const override { return "ZUBSessionEvent"; }
 
     static std::uint64_t getSessionID(bool isActive);
+    /// The same, at a time the caller has read from the clock.
+    static std::uint64_t getSessionID(bool isActive, std::uint64_t nowSeconds);
     static std::uint64_t generateSessionID();
     static void reportSessionEvent();
 

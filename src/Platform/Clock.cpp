@@ -30,8 +30,7 @@ std::int64_t Clock::nowMicros() {
 }
 
 std::uint64_t Clock::nowSeconds() {
-    const std::int64_t m = nowMicros();
-    return m <= 0 ? 0 : static_cast<std::uint64_t>(m / 1000000);
+    return secondsOf(nowMicros());
 }
 
 double Clock::nowDouble() {

@@ -17,6 +17,10 @@ public:
     static std::int64_t nowMicros();
     /// Whole seconds since 1970 (fraction dropped).
     static std::uint64_t nowSeconds();
+    /// Whole seconds of a reading of nowMicros (0 before 1970), as nowSeconds gives them.
+    static std::uint64_t secondsOf(std::int64_t micros) {
+        return micros <= 0 ? 0 : static_cast<std::uint64_t>(micros / 1000000);
+    }
     /// Seconds since 1970 with fraction.
     static double nowDouble();
 

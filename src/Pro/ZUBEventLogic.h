@@ -46,6 +46,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -134,6 +135,8 @@ private:
     void reconcileAfterLoad();
     void reportDrops();
     void holdInMemory(const EventPtr& event, std::optional<std::uint64_t> seq);
+    /// Records that the event under `key` is the journal's record `seq`.
+    void rememberSeq(const std::string& key, std::uint64_t seq);
     /// Hands the journal's buffered records to the kernel once the queue has
     /// worked through what is already waiting on it (one write for a burst).
     void queueJournalWrite();
@@ -166,7 +169,8 @@ private:
     std::unique_ptr<ZUBEventJournal> journal_;
     bool journalTried_ = false;
     std::unordered_map<std::string, std::uint64_t> seqOfKey_;  // events in memory -> journal seq
-    std::unordered_map<std::uint64_t, std::string> keyOfSeq_;
+    // Views of the keys held by seqOfKey_: an entry leaves both maps together.
+    std::unordered_map<std::uint64_t, std::string_view> keyOfSeq_;
     std::unordered_map<std::string, std::uint64_t> parkedKeys_;  // on disk until the next start
     std::uint64_t unreportedDrops_ = 0;
     bool journalWriteQueued_ = false;

@@ -84,8 +84,7 @@ void ZUBEventLogic::openJournal() {
         if (store.toReportEvents().contains(entry.md5) || store.retryEvents().contains(entry.md5)) {
             if (seqOfKey_.count(entry.md5) == 0) {
                 journal_->setPlace(entry.seq, ZUBEventJournal::Place::Memory);
-                seqOfKey_[entry.md5] = entry.seq;
-                keyOfSeq_[entry.seq] = entry.md5;
+                rememberSeq(entry.md5, entry.seq);
                 continue;
             }
         } else if (unloaded.count(entry.md5) != 0) {
@@ -102,8 +101,7 @@ void ZUBEventLogic::openJournal() {
             if (seqOfKey_.count(key) != 0) continue;
             ZUBEventJournal::Dropped dropped;
             if (auto seq = journal_->append(*event, ZUBEventJournal::Place::Memory, dropped)) {
-                seqOfKey_[key] = *seq;
-                keyOfSeq_[*seq] = key;
+                rememberSeq(key, *seq);
             }
         }
     }
@@ -127,11 +125,19 @@ void ZUBEventLogic::openJournal() {
     }
 }
 
+void ZUBEventLogic::rememberSeq(const std::string& key, std::uint64_t seq) {
+    const auto [entry, fresh] = seqOfKey_.try_emplace(key, seq);
+    if (!fresh) {
+        keyOfSeq_.erase(entry->second);
+        entry->second = seq;
+    }
+    keyOfSeq_[seq] = std::string_view(entry->first);  // the key as seqOfKey_ holds it
+}
+
 void ZUBEventLogic::holdInMemory(const EventPtr& event, std::optional<std::uint64_t> seq) {
     ZUBEventDal::getInstance().toReportEvents().set(*event->md5(), event);
     if (seq) {
-        seqOfKey_[*event->md5()] = *seq;
-        keyOfSeq_[*seq] = *event->md5();
+        rememberSeq(*event->md5(), *seq);
     }
 }
 
@@ -151,16 +157,17 @@ void ZUBEventLogic::journalFile(const EventPtr& event) {
         for (std::uint64_t droppedSeq : dropped.inMemory) {
             auto key = keyOfSeq_.find(droppedSeq);
             if (key == keyOfSeq_.end()) continue;
+            const std::string md5(key->second);
+            keyOfSeq_.erase(key);
+            seqOfKey_.erase(md5);
             // An event on its way to the collector is not taken back: it loses only
             // its journal record, and is not counted as dropped.
-            if (inFlight.count(key->second) != 0) {
+            if (inFlight.count(md5) != 0) {
                 --dropped.count;
             } else {
-                store.toReportEvents().erase(key->second);
-                store.retryEvents().erase(key->second);
+                store.toReportEvents().erase(md5);
+                store.retryEvents().erase(md5);
             }
-            seqOfKey_.erase(key->second);
-            keyOfSeq_.erase(key);
         }
     }
     if (dropped.count > 0) {
@@ -237,8 +244,7 @@ void ZUBEventLogic::reconcileAfterLoad() {
                 seq = journal_->append(*event, ZUBEventJournal::Place::Memory, dropped);
             }
             if (seq) {
-                seqOfKey_[key] = *seq;
-                keyOfSeq_[*seq] = key;
+                rememberSeq(key, *seq);
             }
         }
     }

@@ -29,6 +29,11 @@ void ZUBPro::trackActiveEnd() {
 void ZUBPro::trackCustomEvent(zub::OptionalText eventID, zub::Value dict) {
     zubGuarded("trackCustomEvent", [&] { ZUBProCustomEvent::reportCustomEvent(eventID.text(), std::move(dict)); });
 }
+void ZUBPro::trackCustomEvent(zub::OptionalText eventID, std::initializer_list<zub::Pair> pairs) {
+    zubGuarded("trackCustomEvent", [&] {
+        ZUBProCustomEvent::reportCustomEvent(eventID.text(), ZUBEventArgs::pack(pairs, eventID.text()));
+    });
+}
 void ZUBPro::trackCustomEventBegin(zub::OptionalText eventID, const zub::Value& dict) {
     zubGuarded("trackCustomEventBegin", [&] { ZUBProCustomEvent::reportCustomEventBegin(eventID.text(), dict); });
 }
@@ -39,6 +44,12 @@ void ZUBPro::trackCustomEventEnd(zub::OptionalText eventID, zub::Value dict) {
 void ZUBPro::trackCustomEventDuration(zub::OptionalText eventID, zub::Value dict, std::int64_t duration) {
     zubGuarded("trackCustomEventDuration",
                [&] { ZUBProCustomEvent::reportCustomEventDuration(eventID.text(), std::move(dict), duration); });
+}
+void ZUBPro::trackCustomEventDuration(zub::OptionalText eventID, std::initializer_list<zub::Pair> pairs,
+                                      std::int64_t duration) {
+    zubGuarded("trackCustomEventDuration", [&] {
+        ZUBProCustomEvent::reportCustomEvent(eventID.text(), ZUBEventArgs::pack(pairs, eventID.text()), duration);
+    });
 }
 void ZUBPro::reportLM(zub::OptionalText account) {
     zubGuarded("reportLM", [&] { ZUBLMEvent::reportLM(account.text()); });

@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 using zubtest::filedEvents;
 using zubtest::jsonOf;
 
@@ -68,6 +70,37 @@ TEST(ZUBProCustomEvent, ImmediateEventsCarryTheirPairsAsGiven) {
     const zub::Value rewind = jsonOf(*events[6]);
     ASSERT_TRUE(rewind["du"].is_number_unsigned());
     EXPECT_EQ(rewind["du"].get<std::uint64_t>(), 18446744073709551611u);
+}
+
+TEST(ZUBProCustomEvent, BracedPairsOfEveryKindSendWhatAValueWouldSend) {
+    zubtest::SteppingClock clock;
+    zubtest::LogCapture log;
+    const char* none = nullptr;
+    const std::string owned = "owned";
+    // Scalars only: packed. The same with nested values: kept as a Value. A
+    // repeated key keeps its first value; a null text value is null.
+    const auto scalars = [&](auto... more) {
+        ZUBPro::trackCustomEvent("all", {{"s", "book"}, {"o", owned}, {"v", std::string_view("view")}, {"i", -7},
+                                         {"c", 'x'}, {"u", std::numeric_limits<std::uint64_t>::max()}, {"d", 2.5},
+                                         {"f", 0.5f}, {"b", true}, {"null", none}, {"s", "second"}, more...});
+    };
+    scalars();
+    scalars(zub::Pair("nested", {{"a", 1}}), zub::Pair("list", {1, 2}));
+    ZUBPro::trackCustomEvent("empty", {});
+    ZUBPro::trackCustomEvent("keyless", {{none, 1}, {"kept", 2}});
+    ZUBPro::trackCustomEventDuration("timed", {{"n", 1}}, 3);
+
+    const auto events = filedEvents<ZUBProCustomEvent>();
+    ASSERT_EQ(events.size(), 5u);
+    const std::string flat = R"("s":"book","o":"owned","v":"view","i":-7,"c":120,"u":18446744073709551615,)"
+                             R"("d":2.5,"f":0.5,"b":true,"null":null)";
+    EXPECT_EQ(jsonOf(*events[0])["kv"].dump(), "{" + flat + "}");
+    EXPECT_EQ(jsonOf(*events[1])["kv"].dump(), "{" + flat + R"(,"nested":{"a":1},"list":[1,2]})");
+    EXPECT_FALSE(jsonOf(*events[2]).contains("kv")) << "an empty list sends no kv";
+    EXPECT_EQ(jsonOf(*events[3])["kv"].dump(), R"({"kept":2})");
+    EXPECT_TRUE(log.has("[ZUBDebug] [WARN]a pair of event keyless has a null key; it is left out"));
+    EXPECT_EQ(jsonOf(*events[4])["kv"].dump(), R"({"n":1})");
+    EXPECT_EQ(jsonOf(*events[4])["du"], 3);
 }
 
 TEST(ZUBProCustomEvent, TextThatIsNotUtf8IsNamedInTheLogAndNotSent) {
@@ -211,7 +244,7 @@ TEST(ZUBProCustomEvent, ArchiveKeepsIdentifierPairsAndDuration) {
     registerEventClasses();
     ZUBProCustomEvent withPairs;
     withPairs.setEventID("buy");
-    withPairs.setKvs({{"item", "book"}});
+    withPairs.setArgs(ZUBEventArgs::pack({{"item", "book"}}, "buy"));  // packed pairs, as the facade keeps them
     withPairs.setDuration(42);
     withPairs.setType(1000);
     auto restored = zub::KeyedUnarchiver::unarchiveObjectWithData<ZUBProCustomEvent>(
