@@ -74,6 +74,7 @@ TEST(ZUBProHelperGZip, CompressesWithGzipHeaderAndGrowsInSteps) {
     EXPECT_EQ(ZUBProHelper::GZip(bytes("x"), nullptr), -1);
 
     ASSERT_EQ(ZUBProHelper::GZip(bytes("hello hello hello"), &out), 0);
+    const zub::Data hello = out;
     ASSERT_GE(out.size(), 18u);
     EXPECT_EQ(out[0], 0x1F);
     EXPECT_EQ(out[1], 0x8B);
@@ -86,6 +87,11 @@ TEST(ZUBProHelperGZip, CompressesWithGzipHeaderAndGrowsInSteps) {
     auto back = ZUBProHelper::uncompressGZip(out);
     ASSERT_TRUE(back);
     EXPECT_EQ(*back, noisy);
+
+    // The thread's compressor is reused: a body gives the same bytes whatever came before it.
+    zub::Data again;
+    ASSERT_EQ(ZUBProHelper::GZip(bytes("hello hello hello"), &again), 0);
+    EXPECT_EQ(again, hello);
 }
 
 TEST(ZUBProHelperGZip, InflatesGzipAndZlibRefusesDamage) {
