@@ -32,6 +32,7 @@ class CountingServer {
 public:
     explicit CountingServer(bool noDelay) : server_(true) {
         server_.server().set_tcp_nodelay(noDelay);
+        server_.server().set_keep_alive_max_count(1000);  // as the collector: connections are reused
         server_.server().Post("/mstat/report", [this](const httplib::Request& req, httplib::Response& res) {
             zub::Data wire(req.body.begin(), req.body.end());
             const auto plain = zub::WireCodec::unwrapRequest(std::move(wire), req.get_header_value("Content-Encoding"), key());
