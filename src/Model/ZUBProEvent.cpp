@@ -114,36 +114,41 @@ std::optional<std::string> ZUBProEvent::toJsonString() {
     ZUBProConfig& config = ZUBProConfig::getInstance();
     ZUBDeviceIDDal& ids = ZUBDeviceIDDal::getInstance();
     zub::Value envelope = zub::Value::object();
+    // The envelope's keys are distinct and written once, in order: appended without
+    // the lookup that operator[] makes, into room reserved for them and the event's own.
+    auto& fields = envelope.get_ref<zub::Value::object_t&>();
+    fields.reserve(24);
+    const auto put = [&fields](const char* key, zub::Value value) { fields.emplace_back(key, std::move(value)); };
 
-    if (auto key = appkey_ ? appkey_ : config.appkey()) envelope["ky"] = *key;
+    if (auto key = appkey_ ? appkey_ : config.appkey()) put("ky", *key);
     gSerialisations.fetch_add(1, std::memory_order_relaxed);
-    envelope["si"] = sid_;
-    envelope["ts"] = ts_;
-    if (auto cui = config.customUserID()) envelope["cui"] = *cui;
-    if (auto cav = config.customAppVersion()) envelope["cav"] = *cav;
-    envelope["ui"] = ids.getOpenUDID();
+    put("si", sid_);
+    put("ts", ts_);
+    if (auto cui = config.customUserID()) put("cui", *cui);
+    if (auto cav = config.customAppVersion()) put("cav", *cav);
+    put("ui", ids.getOpenUDID());
     (void)config.mid();  // read and not sent: the registered mid comes from the device store
-    envelope["ifv"] = ids.getIdfv();
-    envelope["ioa"] = ids.getOpenIDFA();
-    envelope["et"] = type_;
-    if (const std::string mid = ids.getMID(); !mid.empty()) envelope["mid"] = mid;
+    put("ifv", ids.getIdfv());
+    put("ioa", ids.getOpenIDFA());
+    put("et", type_);
+    if (const std::string mid = ids.getMID(); !mid.empty()) put("mid", mid);
     if (type_ != 2) {
         // The session event carries these inside its own keys.
         ZUBProEnv& env = ZUBProEnv::getInstance();
         if (auto sdk = env.sdk_version()) {
-            envelope["sv"] = *sdk;
+            put("sv", *sdk);
             if (auto av = config.customAppVersion() ? config.customAppVersion() : env.app_version()) {
-                envelope["av"] = *av;
+                put("av", *av);
             }
-            if (auto ch = config.zubChannel()) envelope["ch"] = *ch;
+            if (auto ch = config.zubChannel()) put("ch", *ch);
         }
-        envelope["ut"] = ZUBProUser::getInstance().userType();
+        put("ut", ZUBProUser::getInstance().userType());
     }
-    if (retryNum_ > 0) envelope["rt"] = 1;
-    if (md5_) envelope["m5"] = *md5_;
+    if (retryNum_ > 0) put("rt", 1);
+    if (md5_) put("m5", *md5_);
     eventIndex_ = generateIDX();
-    envelope["idx"] = eventIndex_;
-    envelope["mc"] = "0";
+    put("idx", eventIndex_);
+    put("mc", "0");
 
     try {
         encode(envelope);
