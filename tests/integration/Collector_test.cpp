@@ -67,7 +67,17 @@ std::string midOf(const std::optional<zub::Value>& reply) {
 
 }  // namespace
 
-TEST(CollectorReport, StoresShortAndGzipBatchesExactlyAsSent) {
+// Suites that run on both stores: an SQLite file and a PostgreSQL database.
+class CollectorReport : public zubtest::CollectorStoreTest {};
+class CollectorMid : public zubtest::CollectorStoreTest {};
+class CollectorConfig : public zubtest::CollectorStoreTest {};
+class CollectorQuery : public zubtest::CollectorStoreTest {};
+ZUB_COLLECTOR_STORES(CollectorReport);
+ZUB_COLLECTOR_STORES(CollectorMid);
+ZUB_COLLECTOR_STORES(CollectorConfig);
+ZUB_COLLECTOR_STORES(CollectorQuery);
+
+TEST_P(CollectorReport, StoresShortAndGzipBatchesExactlyAsSent) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
@@ -118,7 +128,7 @@ TEST(CollectorReport, StoresShortAndGzipBatchesExactlyAsSent) {
     EXPECT_NE(log.find("events=10 ret=0"), std::string::npos) << log;
 }
 
-TEST(CollectorReport, StoredEventsSurviveAnOrderlyStopAndRestart) {
+TEST_P(CollectorReport, StoredEventsSurviveAnOrderlyStopAndRestart) {
     REQUIRE_COLLECTOR();
     std::filesystem::path db;
     {
@@ -145,7 +155,7 @@ TEST(CollectorReport, StoredEventsSurviveAnOrderlyStopAndRestart) {
     EXPECT_EQ(rows[3]["idx"], 50);
 }
 
-TEST(CollectorMid, SameDeviceKeepsItsMidOtherDevicesGetTheirOwn) {
+TEST_P(CollectorMid, SameDeviceKeepsItsMidOtherDevicesGetTheirOwn) {
     REQUIRE_COLLECTOR();
     const std::string ui = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa1";
     const std::string ioa = "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb1";
@@ -181,7 +191,7 @@ TEST(CollectorMid, SameDeviceKeepsItsMidOtherDevicesGetTheirOwn) {
     EXPECT_EQ(midOf(postThroughLibrary(midRequest("IFV-1", ioa, ui, ""), again.url("/?t=ios&ver=2.0"))), mid);
 }
 
-TEST(CollectorMid, PlaceholderIdentifiersNeverJoinDifferentMachines) {
+TEST_P(CollectorMid, PlaceholderIdentifiersNeverJoinDifferentMachines) {
     REQUIRE_COLLECTOR();
     // What every machine sends when it has no "en0" interface (the SHA-1 of no
     // bytes) and when its application opted out of OpenUDID.
@@ -223,7 +233,7 @@ TEST(CollectorMid, PlaceholderIdentifiersNeverJoinDifferentMachines) {
     EXPECT_EQ(collector.stats()["devicesRegistered"], 6);
 }
 
-TEST(CollectorConfig, SendsEachBlockOnlyToClientsNotHoldingIt) {
+TEST_P(CollectorConfig, SendsEachBlockOnlyToClientsNotHoldingIt) {
     REQUIRE_COLLECTOR();
     const auto configPath = zubtest::TempHome::makeDir("cfg") / "online.json";
     std::ofstream(configPath) << R"({"sdk": {"v": 3, "c": {"rs": 1}},
@@ -267,7 +277,7 @@ TEST(CollectorConfig, SendsEachBlockOnlyToClientsNotHoldingIt) {
     EXPECT_NE(collector.log().find("cfg=1,2"), std::string::npos);
 }
 
-TEST(CollectorConfig, MalformedConfigurationFileStopsTheStart) {
+TEST(CollectorConfigFile, MalformedConfigurationFileStopsTheStart) {
     REQUIRE_COLLECTOR();
     const auto dir = zubtest::TempHome::makeDir("badcfg");
     const std::pair<const char*, const char*> cases[] = {
@@ -292,7 +302,7 @@ TEST(CollectorConfig, MalformedConfigurationFileStopsTheStart) {
     EXPECT_NE(missing.failure().find("cannot read configuration file"), std::string::npos);
 }
 
-TEST(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
+TEST_P(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
@@ -363,7 +373,7 @@ TEST(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
     EXPECT_NE(missing.err.find("cannot open database"), std::string::npos) << missing.err;
 }
 
-TEST(CollectorQuery, EventTimesLeaveOutEventsWithoutATime) {
+TEST_P(CollectorQuery, EventTimesLeaveOutEventsWithoutATime) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
@@ -395,7 +405,7 @@ TEST(CollectorQuery, EventTimesLeaveOutEventsWithoutATime) {
     EXPECT_EQ(appB.out.find("event time"), std::string::npos) << appB.out;
 }
 
-TEST(CollectorQuery, CustomEventsEndedByATimerCountByTheirIdentifier) {
+TEST_P(CollectorQuery, CustomEventsEndedByATimerCountByTheirIdentifier) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
@@ -478,17 +488,18 @@ TEST(CollectorSchema, MigratesAnOlderDatabaseAndRefusesANewerOne) {
         ASSERT_TRUE(reply && (*reply)["ret"] == 0);
         ASSERT_EQ(collector.stop(), 0);
     }
-    EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "3\n");
+    EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "4\n");
     // Take the database back to version 1, as an older collector left it.
     ASSERT_TRUE(sqlite(db, "DROP TABLE config_state; DROP INDEX events_ts; DROP INDEX events_mid; "
                            "DROP TABLE activity_hours; DROP TABLE sessions; DROP TABLE app_devices; "
                            "DROP TABLE named_hours; DROP TABLE referrer_hours; DROP TABLE argument_hours; "
                            "DROP TABLE referrer_days; DROP TABLE argument_days; "
-                           "DROP TABLE audience_hours; UPDATE schema_version SET version = 1"));
+                           "DROP TABLE audience_hours; DROP INDEX events_key; ALTER TABLE events DROP COLUMN event_key; "
+                           "UPDATE schema_version SET version = 1"));
     {
         CollectorProcess collector({"--config", configPath.string()}, db);
         ASSERT_TRUE(collector.start()) << collector.failure();
-        EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "3\n");
+        EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "4\n");
         EXPECT_EQ(collector.storedEvents().size(), 1u);
         // The event stored before the dashboard's summaries existed is in them.
         EXPECT_EQ(sqlite(db, "SELECT SUM(events) || ' ' || COUNT(*) FROM activity_hours"), "1 1\n");
@@ -504,7 +515,7 @@ TEST(CollectorSchema, MigratesAnOlderDatabaseAndRefusesANewerOne) {
     ASSERT_TRUE(sqlite(db, "UPDATE schema_version SET version = 99"));
     CollectorProcess newer({}, db);
     EXPECT_FALSE(newer.start());
-    EXPECT_NE(newer.failure().find("database schema version 99 is newer than this collector's (3)"), std::string::npos)
+    EXPECT_NE(newer.failure().find("database schema version 99 is newer than this collector's (4)"), std::string::npos)
         << newer.failure();
     const auto listed = CollectorProcess::run({"events", "--db", db.string(), "--json"});
     EXPECT_EQ(listed.exitCode, 1);
@@ -512,7 +523,7 @@ TEST(CollectorSchema, MigratesAnOlderDatabaseAndRefusesANewerOne) {
     EXPECT_EQ(sqlite(db, "SELECT COUNT(*) FROM events"), "2\n");
 }
 
-TEST(CollectorQuery, ReadOnlyDatabaseIsReadWithoutAnyWrite) {
+TEST(CollectorDatabaseFile, ReadOnlyDatabaseIsReadWithoutAnyWrite) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();

@@ -8,6 +8,13 @@
 // disk, and many concurrent requests share one commit. close() finishes all
 // pending work before the connection is closed, so an orderly shutdown loses
 // nothing that was acknowledged.
+//
+// The database is an SQLite file or a PostgreSQL database (Database.h), which
+// several collectors may share: there a group that meets another collector's
+// locks in a deadlock is undone and run again, registrations of one device take
+// turns (a lock per identifier, held to the commit), and an event sent again (its
+// identity, EventRecord::key, already stored) is acknowledged without a second
+// row, in both stores.
 #pragma once
 
 #include "Database.h"
@@ -20,6 +27,8 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,6 +44,13 @@ struct StoreOutcome {
     bool sendApp = false;
 };
 
+/// How the store looks after itself.
+struct StoreSettings {
+    /// Events received more than this many whole days before today (UTC) are
+    /// dropped, once a day (PostgreSQL: whole daily partitions). None: kept.
+    std::optional<int> retentionDays;
+};
+
 struct MidOutcome {
     bool ok = false;
     std::string error;
@@ -44,8 +60,10 @@ struct MidOutcome {
 
 class EventStore {
 public:
-    /// Opens the database (creating and migrating its schema) and starts the writer.
-    static std::unique_ptr<EventStore> open(const std::string& path, std::string& error);
+    /// Opens the database at `location` (an SQLite path or a PostgreSQL URL),
+    /// creating and migrating its schema, and starts the writer.
+    static std::unique_ptr<EventStore> open(const std::string& location, std::string& error,
+                                            StoreSettings settings = {});
     ~EventStore();
     EventStore(const EventStore&) = delete;
     EventStore& operator=(const EventStore&) = delete;
@@ -64,9 +82,9 @@ public:
     /// committed. Any thread.
     MidOutcome registerDevice(const MidRequest& request);
 
-    /// Finishes pending work, stops the writer and closes the database, leaving it
-    /// in rollback-journal mode (one self-contained file) unless a reader holds it
-    /// open. Later calls of the operations above fail. Idempotent.
+    /// Finishes pending work, stops the writer and closes the database, leaving an
+    /// SQLite file in rollback-journal mode (one self-contained file) unless a
+    /// reader holds it open. Later calls of the operations above fail. Idempotent.
     void close();
 
     /// Events stored since open().
@@ -74,7 +92,14 @@ public:
 
 private:
     struct Job {
-        std::function<bool(std::string& error)> work;
+        // A report (events set) or a registration (request set), and its outcome.
+        const std::vector<EventRecord>* events = nullptr;
+        std::int32_t offeredSdk = 0;
+        std::int32_t offeredApp = 0;
+        StoreOutcome* report = nullptr;
+        const MidRequest* request = nullptr;
+        MidOutcome* registration = nullptr;
+        std::vector<bool> fresh;  // per event: stored now (not sent before); writer thread only
         bool done = false;  // guarded by mutex_
         bool ok = false;
         std::string error;
@@ -83,15 +108,26 @@ private:
 
     EventStore() = default;
     bool prepare(std::string& error);
-    /// Hands the work to the writer and waits for its commit.
-    bool submit(std::function<bool(std::string&)> work, std::string& error);
+    /// Hands the job to the writer and waits for its commit.
+    bool submit(Job& job, std::string& error);
     void writerLoop();
     void runJobs(std::vector<Job*>& jobs);
+    /// One attempt at the group in one transaction; false when the whole
+    /// transaction failed (`transient` when a retry may succeed).
+    bool tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transient, std::string& error);
+    /// Today's and tomorrow's partitions, and the retention, once a day.
+    void maintain(std::int64_t now);
+    bool lockIdentifiers(const std::vector<Job*>& jobs, std::string& error);
 
-    bool storeBatchNow(const std::vector<EventRecord>& events, std::int32_t offeredSdk, std::int32_t offeredApp,
-                       StoreOutcome& outcome, std::string& error);
-    bool registerDeviceNow(const MidRequest& request, MidOutcome& outcome, std::string& error);
+    bool storeBatchNow(Job& job, std::int64_t now, std::string& error);
+    /// Stores the events that are not there yet; `fresh` tells which were stored.
+    bool insertEvents(const std::vector<EventRecord>& events, std::int64_t now, std::vector<bool>& fresh,
+                      std::string& error);
+    bool registerDeviceNow(const MidRequest& request, std::int64_t now, MidOutcome& outcome, std::string& error);
 
+    StoreSettings settings_;
+    std::int64_t maintainedDay_ = -1;         // writer thread only
+    std::set<std::string> keysThisGroup_;     // writer thread only: identities stored by the group so far
     std::unique_ptr<Database> db_;          // used by the writer thread only (and by open/close)
     std::unique_ptr<Statements> statements_;  // idem
 

@@ -175,7 +175,12 @@ std::string histogramText(const DurationHistogram& histogram) {
 
 DurationHistogram histogramOf(const std::string& text) {
     DurationHistogram histogram{};
-    const zub::Value parsed = zub::Value::parse(text, nullptr, false);
+    std::string json = text;
+    if (json.size() >= 2 && json.front() == '{' && json.back() == '}') {  // PostgreSQL's array text
+        json.front() = '[';
+        json.back() = ']';
+    }
+    const zub::Value parsed = zub::Value::parse(json, nullptr, false);
     if (!parsed.is_array()) return histogram;
     for (std::size_t i = 0; i < histogram.size() && i < parsed.size(); ++i) {
         if (parsed[i].is_number_integer()) histogram[i] = parsed[i].get<std::int64_t>();
@@ -209,7 +214,15 @@ bool histogramMedian(const DurationHistogram& histogram, double& median) {
     return false;
 }
 
+struct RollupWriter::Pending {
+    BatchSummary batch;
+};
+
 struct RollupWriter::Statements {
+    // PostgreSQL: one upsert per summary.
+    Statement upsertActivity, upsertSession, upsertDevice, upsertNamed, upsertReferrer, upsertReferrerDay,
+        upsertArgument, upsertArgumentDay, upsertAudience;
+    // SQLite: found and updated, or inserted.
     Statement updateActivity, insertActivity;
     Statement findSession, updateSession, insertSession;
     Statement findDevice, updateDevice, insertDevice;
@@ -221,6 +234,52 @@ struct RollupWriter::Statements {
 
 std::unique_ptr<RollupWriter> RollupWriter::create(Database& db, std::string& error) {
     auto s = std::make_unique<Statements>();
+    if (db.dialect() == Dialect::Postgres) {
+        // Rows are unique per key, absent keys included (NULLS NOT DISTINCT): a
+        // row that is there is added to.
+        s->upsertActivity = db.prepare(
+            "INSERT INTO activity_hours AS t (hour, app_key, mid, si, events, active_seconds, dropped) "
+            "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7) ON CONFLICT (hour, app_key, mid, si) DO UPDATE SET "
+            "events = t.events + excluded.events, active_seconds = t.active_seconds + excluded.active_seconds, "
+            "dropped = t.dropped + excluded.dropped",
+            error);
+        // Answers 1 for a session new to the table.
+        s->upsertSession = db.prepare(
+            "INSERT INTO sessions AS t (app_key, mid, si, first_ts, last_ts) VALUES (?1, ?2, ?3, ?4, ?5) "
+            "ON CONFLICT (app_key, mid, si) DO UPDATE SET first_ts = LEAST(t.first_ts, excluded.first_ts), "
+            "last_ts = GREATEST(t.last_ts, excluded.last_ts) RETURNING CASE WHEN xmax = 0 THEN 1 ELSE 0 END",
+            error);
+        s->upsertDevice = db.prepare(
+            "INSERT INTO app_devices AS t (app_key, mid, first_ts, last_ts, sessions, events, app_version) "
+            "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7) ON CONFLICT (app_key, mid) DO UPDATE SET "
+            "first_ts = LEAST(t.first_ts, excluded.first_ts), last_ts = GREATEST(t.last_ts, excluded.last_ts), "
+            "sessions = t.sessions + excluded.sessions, events = t.events + excluded.events, "
+            "app_version = COALESCE(excluded.app_version, t.app_version)",
+            error);
+        s->upsertNamed = db.prepare(
+            "INSERT INTO named_hours AS t (hour, kind, app_key, name, count, du_sum, du_count, du_hist) "
+            "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, CAST(?8 AS BIGINT[])) ON CONFLICT (hour, kind, app_key, name) "
+            "DO UPDATE SET count = t.count + excluded.count, du_sum = t.du_sum + excluded.du_sum, "
+            "du_count = t.du_count + excluded.du_count, du_hist = ARRAY(SELECT h.a + h.b FROM "
+            "unnest(t.du_hist, excluded.du_hist) WITH ORDINALITY AS h(a, b, n) ORDER BY h.n)",
+            error);
+        // A table of counts per key: ?1 the hour or day, then the keys, then the count.
+        auto counted = [&](const char* table, const char* when, const char* keys) {
+            const std::string keyList = std::string(when) + ", " + keys;
+            const auto columns = static_cast<int>(std::count(keyList.begin(), keyList.end(), ',')) + 2;
+            std::string values;
+            for (int i = 1; i <= columns; ++i) values += (i > 1 ? ", ?" : "?") + std::to_string(i);
+            return db.prepare(std::string("INSERT INTO ") + table + " AS t (" + keyList + ", count) VALUES (" + values +
+                                  ") ON CONFLICT (" + keyList + ") DO UPDATE SET count = t.count + excluded.count",
+                              error);
+        };
+        s->upsertReferrer = counted("referrer_hours", "hour", "app_key, page, referrer");
+        s->upsertReferrerDay = counted("referrer_days", "day", "app_key, page, referrer");
+        s->upsertArgument = counted("argument_hours", "hour", "app_key, event, key, value");
+        s->upsertArgumentDay = counted("argument_days", "day", "app_key, event, key, value");
+        s->upsertAudience = counted("audience_hours", "hour", "app_key, dimension, value");
+        return std::unique_ptr<RollupWriter>(new RollupWriter(db, std::move(s)));
+    }
     // Keys may be absent (NULL): rows are found with IS, which matches NULL to NULL.
     s->updateActivity = db.prepare(
         "UPDATE activity_hours SET events = events + ?5, active_seconds = active_seconds + ?6, dropped = dropped + ?7 "
@@ -299,15 +358,28 @@ std::unique_ptr<RollupWriter> RollupWriter::create(Database& db, std::string& er
 }
 
 RollupWriter::RollupWriter(Database& db, std::unique_ptr<Statements> statements)
-    : db_(db), s_(std::move(statements)) {}
+    : db_(db), s_(std::move(statements)), pending_(std::make_unique<Pending>()) {}
 
 RollupWriter::~RollupWriter() = default;
 
+void RollupWriter::collect(const EventRecord& event, std::int64_t received) { pending_->batch.add(event, received); }
+
+void RollupWriter::discard() { pending_ = std::make_unique<Pending>(); }
+
 bool RollupWriter::add(const std::vector<EventRecord>& events, std::int64_t received, std::string& error) {
-    BatchSummary batch;
-    for (const EventRecord& event : events) batch.add(event, received);
+    for (const EventRecord& event : events) collect(event, received);
+    return flush(error);
+}
+
+bool RollupWriter::flush(std::string& error) {
+    const bool ok = db_.dialect() == Dialect::Postgres ? flushPostgres(error) : flushSqlite(error);
+    discard();
+    return ok;
+}
+
+bool RollupWriter::flushSqlite(std::string& error) {
+    BatchSummary& batch = pending_->batch;
     Statements& s = *s_;
-    sqlite3* handle = db_.handle();
     auto fail = [&](const char* what) {
         error = std::string("storage: cannot summarise ") + what + ": " + db_.lastError();
         return false;
@@ -315,7 +387,7 @@ bool RollupWriter::add(const std::vector<EventRecord>& events, std::int64_t rece
     // Runs an UPDATE; when it touched no row, the INSERT.
     auto upsert = [&](Statement& update, Statement& insert) {
         if (!update.run()) return false;
-        if (sqlite3_changes(handle) > 0) {
+        if (db_.changes() > 0) {
             insert.reset();
             return true;
         }
@@ -490,6 +562,122 @@ bool RollupWriter::add(const std::vector<EventRecord>& events, std::int64_t rece
             st->bind(5, count);
         }
         if (!upsert(s.updateAudience, s.insertAudience)) return fail("audience");
+    }
+    return true;
+}
+
+bool RollupWriter::flushPostgres(std::string& error) {
+    BatchSummary& batch = pending_->batch;
+    Statements& s = *s_;
+    auto fail = [&](const char* what) {
+        error = std::string("storage: cannot summarise ") + what + ": " + db_.lastError();
+        return false;
+    };
+    for (const auto& [key, a] : batch.activity) {
+        const auto& [hour, app, mid, si] = key;
+        Statement& st = s.upsertActivity;
+        st.bind(1, hour);
+        st.bind(2, app);
+        st.bind(3, mid);
+        st.bind(4, si);
+        st.bind(5, a.events);
+        st.bind(6, a.activeSeconds);
+        st.bind(7, a.dropped);
+        if (!st.run()) return fail("activity");
+    }
+
+    std::map<std::pair<OptText, std::string>, std::int64_t> newSessions;
+    for (const auto& [key, span] : batch.sessions) {
+        const auto& [app, mid, si] = key;
+        Statement& st = s.upsertSession;
+        st.bind(1, app);
+        st.bind(2, mid);
+        st.bind(3, si);
+        st.bind(4, span.first);
+        st.bind(5, span.last);
+        const bool inserted = st.step() && st.integer(0) == 1;
+        const bool failed = st.failed();
+        st.reset();
+        if (failed) return fail("sessions");
+        if (inserted && mid) ++newSessions[{app, *mid}];
+    }
+
+    for (const auto& [key, d] : batch.devices) {
+        const auto& [app, mid] = key;
+        Statement& st = s.upsertDevice;
+        st.bind(1, app);
+        st.bind(2, mid);
+        st.bind(3, d.span.first);
+        st.bind(4, d.span.last);
+        st.bind(5, newSessions[key]);
+        st.bind(6, d.events);
+        st.bind(7, d.appVersion);
+        if (!st.run()) return fail("devices");
+    }
+
+    for (const auto& [key, n] : batch.named) {
+        const auto& [hour, app, kind, name] = key;
+        std::string histogram = histogramText(n.histogram);
+        histogram.front() = '{';  // PostgreSQL's array text
+        histogram.back() = '}';
+        Statement& st = s.upsertNamed;
+        st.bind(1, hour);
+        st.bind(2, std::string(1, kind));
+        st.bind(3, app);
+        st.bind(4, name);
+        st.bind(5, n.count);
+        st.bindReal(6, n.durationSum);
+        st.bind(7, n.durationCount);
+        st.bind(8, histogram);
+        if (!st.run()) return fail("pages and custom events");
+    }
+
+    std::map<std::tuple<std::int64_t, OptText, OptText, std::string>, std::int64_t> referrerDays;
+    for (const auto& [key, count] : batch.referrers) {
+        const auto& [hour, app, page, referrer] = key;
+        referrerDays[{dayOfHour(hour), app, page, referrer}] += count;
+    }
+    for (auto* table : {&batch.referrers, &referrerDays}) {
+        Statement& st = table == &referrerDays ? s.upsertReferrerDay : s.upsertReferrer;
+        for (const auto& [key, count] : *table) {
+            const auto& [when, app, page, referrer] = key;
+            st.bind(1, when);
+            st.bind(2, app);
+            st.bind(3, page);
+            st.bind(4, referrer);
+            st.bind(5, count);
+            if (!st.run()) return fail("referrers");
+        }
+    }
+
+    std::map<std::tuple<std::int64_t, OptText, OptText, std::string, std::string>, std::int64_t> argumentDays;
+    for (const auto& [key, count] : batch.arguments) {
+        const auto& [hour, app, event, argument, value] = key;
+        argumentDays[{dayOfHour(hour), app, event, argument, value}] += count;
+    }
+    for (auto* table : {&batch.arguments, &argumentDays}) {
+        Statement& st = table == &argumentDays ? s.upsertArgumentDay : s.upsertArgument;
+        for (const auto& [key, count] : *table) {
+            const auto& [when, app, event, argument, value] = key;
+            st.bind(1, when);
+            st.bind(2, app);
+            st.bind(3, event);
+            st.bind(4, argument);
+            st.bind(5, value);
+            st.bind(6, count);
+            if (!st.run()) return fail("arguments");
+        }
+    }
+
+    for (const auto& [key, count] : batch.audience) {
+        const auto& [hour, app, dimension, value] = key;
+        Statement& st = s.upsertAudience;
+        st.bind(1, hour);
+        st.bind(2, app);
+        st.bind(3, dimension);
+        st.bind(4, value);
+        st.bind(5, count);
+        if (!st.run()) return fail("audience");
     }
     return true;
 }

@@ -20,7 +20,7 @@
 
 namespace zubcollector {
 
-inline constexpr int kSchemaVersion = 3;
+inline constexpr int kSchemaVersion = 4;
 
 /// Creates or upgrades the schema; false and a message when it cannot.
 bool migrateSchema(Database& db, std::string& error);

@@ -9,6 +9,7 @@
 #include "DashboardServer.h"
 #include "Metrics.h"
 #include "EventStore.h"
+#include "Migrate.h"
 #include "OnlineConfig.h"
 #include "Options.h"
 #include "Queries.h"
@@ -112,7 +113,9 @@ int serve(ServeOptions options) {
             return 1;
         }
     }
-    auto store = EventStore::open(options.dbPath, error);
+    StoreSettings settings;
+    settings.retentionDays = options.retentionDays;
+    auto store = EventStore::open(options.dbPath, error, settings);
     if (!store) {
         std::cerr << "zub-collector: " << error << "\n";
         return 1;
@@ -203,6 +206,8 @@ int main(int argc, char** argv) {
                 return runStats(line.stats, std::cout, std::cerr);
             case CommandLine::Command::Events:
                 return runEvents(line.events, std::cout, std::cerr);
+            case CommandLine::Command::Migrate:
+                return runMigrate(line.migrate, std::cout, std::cerr);
             case CommandLine::Command::Serve:
                 return serve(line.serve);
         }
