@@ -43,6 +43,12 @@ std::optional<zub::Value> post(const zub::Data& body, const std::string& url, st
 
 }  // namespace
 
+// Run on both stores: an SQLite file and a PostgreSQL database.
+class CollectorStop : public zubtest::CollectorStoreTest {};
+class CollectorConcurrency : public zubtest::CollectorStoreTest {};
+ZUB_COLLECTOR_STORES(CollectorStop);
+ZUB_COLLECTOR_STORES(CollectorConcurrency);
+
 TEST(CollectorFaults, RetKnobAnswersWithoutStoringForTheGivenNumberOfReports) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector({"--fault-ret", "7", "--fault-count", "2", "--fault-path", "report"});
@@ -81,7 +87,7 @@ TEST(CollectorFaults, DropKnobCutsTheConnection) {
     EXPECT_NE(collector.log().find("fault=drop"), std::string::npos);
 }
 
-TEST(CollectorFaults, DelayedReportIsStillStoredWhenTheCollectorStops) {
+TEST_P(CollectorStop, DelayedReportIsStillStoredWhenTheCollectorStops) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector({"--fault-delay-ms", "2500"});
     ASSERT_TRUE(collector.start()) << collector.failure();
@@ -96,7 +102,7 @@ TEST(CollectorFaults, DelayedReportIsStillStoredWhenTheCollectorStops) {
     EXPECT_NE(collector.log().find("fault=delay2500ms"), std::string::npos);
 }
 
-TEST(CollectorConcurrency, ParallelClientsLoseNothingAndShareOneMidPerDevice) {
+TEST_P(CollectorConcurrency, ParallelClientsLoseNothingAndShareOneMidPerDevice) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();

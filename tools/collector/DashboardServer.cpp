@@ -152,7 +152,7 @@ DashboardServer::DashboardServer(const DashboardOptions& options, std::string db
     });
     server_.Get("/metrics", [this](const httplib::Request&, httplib::Response& res) {
         res.set_header("Cache-Control", "no-store");
-        res.set_content(metrics_.render(), "text/plain; version=0.0.4; charset=utf-8");
+        res.set_content(metrics_.render(databaseSize()), "text/plain; version=0.0.4; charset=utf-8");
     });
     server_.Get("/api/v1/(.*)", [this](const httplib::Request& req, httplib::Response& res) { serveApi(req, res); });
     // Anything else, API-looking or not, is answered in JSON.
@@ -230,6 +230,19 @@ void DashboardServer::serveApi(const httplib::Request& req, httplib::Response& r
     } else {
         log_.write(line);
     }
+}
+
+std::optional<std::uint64_t> DashboardServer::databaseSize() {
+    if (!Database::isPostgresUrl(dbPath_)) return std::nullopt;  // Metrics reads the file's size itself
+    std::string error;
+    std::unique_ptr<Database> db = takeConnection(error);
+    if (!db) return std::nullopt;
+    std::optional<std::uint64_t> size;
+    Statement query = db->prepare("SELECT pg_database_size(current_database())", error);
+    if (query.ok() && query.step()) size = static_cast<std::uint64_t>(query.integer(0));
+    query = Statement();
+    returnConnection(std::move(db));
+    return size;
 }
 
 std::unique_ptr<Database> DashboardServer::takeConnection(std::string& error) {

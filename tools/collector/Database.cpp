@@ -9,6 +9,10 @@ bool Database::isPostgresUrl(std::string_view location) {
     return location.rfind("postgresql://", 0) == 0 || location.rfind("postgres://", 0) == 0;
 }
 
+std::string Database::displayName(const std::string& location) {
+    return isPostgresUrl(location) ? PostgresDatabase::redacted(location) : location;
+}
+
 std::unique_ptr<Database> Database::open(const std::string& location, Mode mode, std::string& error) {
     if (isPostgresUrl(location)) return PostgresDatabase::open(location, mode, error);
     return SqliteDatabase::open(location, mode, error);

@@ -107,6 +107,8 @@ public:
     static std::unique_ptr<Database> open(const std::string& location, Mode mode, std::string& error);
     /// Whether `location` names a PostgreSQL database rather than an SQLite file.
     static bool isPostgresUrl(std::string_view location);
+    /// The location as messages show it: a URL's password left out.
+    static std::string displayName(const std::string& location);
 
     virtual ~Database() = default;
     Database(const Database&) = delete;

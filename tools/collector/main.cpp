@@ -124,7 +124,7 @@ int serve(ServeOptions options) {
     ready["event"] = "listening";
     ready["address"] = options.address;
     ready["port"] = port;
-    ready["db"] = options.dbPath;
+    ready["db"] = Database::displayName(options.dbPath);
     if (dashboard) {
         const std::string& host = options.dashboard.address;
         const bool v6 = host.find(':') != std::string::npos;
@@ -133,7 +133,7 @@ int serve(ServeOptions options) {
     std::printf("%s\n", ready.dump(-1, ' ', false, zub::Value::error_handler_t::replace).c_str());
     std::fflush(stdout);
     log.always("zub-collector listening on " + options.address + ":" + std::to_string(port) + ", database " +
-               options.dbPath + (config.empty() ? "" : ", configuration " + options.configPath) +
+               Database::displayName(options.dbPath) + (config.empty() ? "" : ", configuration " + options.configPath) +
                (options.faults.any() ? ", faults on" : "") +
                (dashboard ? ", dashboard on " + options.dashboard.address + ":" + std::to_string(dashboardPort) +
                                 (options.dashboard.token.empty() ? "" : " (token required)")
