@@ -8,6 +8,7 @@
 #include "support/TempHome.h"
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 #include <unistd.h>
 
@@ -153,6 +154,47 @@ TEST_P(CollectorReport, StoredEventsSurviveAnOrderlyStopAndRestart) {
     const zub::Value rows = again.storedEvents();
     ASSERT_EQ(rows.size(), 4u);
     EXPECT_EQ(rows[3]["idx"], 50);
+}
+
+TEST_P(CollectorReport, AnEventSentAgainIsStoredAndSummarisedOnce) {
+    REQUIRE_COLLECTOR();
+    CollectorProcess collector;
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    // The library keeps an event's key ("m5") across sendings; its "idx" is new
+    // each time and a resent event carries "rt".
+    zub::Value batch = zub::Value::array();
+    for (int i = 0; i < 3; ++i) {
+        zub::Value e = event("app-A", "mid-1", 1000, 77, 1700000000 + i, 10 + i);
+        e["ei"] = "buy";
+        e["m5"] = "key-" + std::to_string(i);
+        batch.push_back(std::move(e));
+    }
+    zub::Value again = batch;
+    for (auto& e : again) {
+        e["idx"] = e["idx"].get<std::int64_t>() + 100;
+        e["rt"] = 1;
+    }
+    zub::Value fresh = event("app-A", "mid-1", 1000, 77, 1700000005, 20);
+    fresh["m5"] = "key-new";
+    again.push_back(fresh);
+    zub::Value keyless = zub::Value::array({event("app-A", "mid-1", 4, 77, 1700000006, 30)});
+    for (const zub::Value* sent : {&batch, &again, &keyless, &keyless}) {
+        const auto reply = postThroughLibrary(*sent, collector.url("/mstat/report"));
+        ASSERT_TRUE(reply && (*reply)["ret"] == 0) << (reply ? reply->dump() : "no reply");  // acknowledged, not refused
+    }
+
+    // Once each; events without a key are never taken for one another.
+    const zub::Value rows = collector.storedEvents();
+    ASSERT_EQ(rows.size(), 6u) << collector.failure();
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(rows[i]["idx"], 10 + i);  // the first sending is kept
+    EXPECT_EQ(rows[3]["event"], fresh);
+    EXPECT_EQ(collector.stats()["events"], 6);
+    // The dashboard's summaries count them once too.
+    httplib::Client dashboard(collector.dashboardUrl(""));
+    const auto apps = dashboard.Get("/api/v1/apps");
+    ASSERT_TRUE(apps && apps->status == 200);
+    EXPECT_EQ(zub::Value::parse(apps->body)["apps"],
+              zub::Value::parse(R"([{"app": "app-A", "devices": 1, "events": 6}])"));
 }
 
 TEST_P(CollectorMid, SameDeviceKeepsItsMidOtherDevicesGetTheirOwn) {
