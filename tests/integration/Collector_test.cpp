@@ -5,6 +5,7 @@
 #include "Common/ZUBProConfig.h"
 #include "Common/ZUBProHelper.h"
 #include "support/CollectorProcess.h"
+#include "support/PostgresServer.h"
 #include "support/TempHome.h"
 
 #include <gtest/gtest.h>
@@ -12,6 +13,7 @@
 
 #include <unistd.h>
 
+#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <optional>
@@ -563,6 +565,49 @@ TEST(CollectorSchema, MigratesAnOlderDatabaseAndRefusesANewerOne) {
     EXPECT_EQ(listed.exitCode, 1);
     EXPECT_NE(listed.err.find("newer than this collector's"), std::string::npos) << listed.err;
     EXPECT_EQ(sqlite(db, "SELECT COUNT(*) FROM events"), "2\n");
+}
+
+class CollectorRetention : public zubtest::CollectorStoreTest {};
+ZUB_COLLECTOR_STORES(CollectorRetention);
+
+TEST_P(CollectorRetention, EventsReceivedBeforeTheKeptDaysAreDropped) {
+    REQUIRE_COLLECTOR();
+    if (!postgres() && !sqlite(":memory:", "SELECT 1")) GTEST_SKIP() << "no sqlite3 shell";
+    std::filesystem::path db;
+    {
+        CollectorProcess collector;
+        ASSERT_TRUE(collector.start()) << collector.failure();
+        db = collector.db();
+        zub::Value batch = zub::Value::array();
+        for (int i = 0; i < 4; ++i) batch.push_back(event("app-A", "mid-1", 4, 1, 1700000000 + i, i));
+        const auto reply = postThroughLibrary(batch, collector.url("/mstat/report"));
+        ASSERT_TRUE(reply && (*reply)["ret"] == 0);
+        ASSERT_EQ(collector.stop(), 0);
+    }
+    // Two of the events as if received ten days ago (on PostgreSQL, in that day's partition).
+    const std::int64_t oldDay = std::time(nullptr) / 86400 - 10;
+    const std::string age = "UPDATE events SET received = received - 864000 WHERE idx < 2";
+    std::string error;
+    if (postgres()) {
+        ASSERT_TRUE(zubtest::PostgresServer::query(db.string(), "SELECT zub_ensure_event_partition(" +
+                                                                    std::to_string(oldDay) + "); " + age, error))
+            << error;
+        EXPECT_EQ(zubtest::PostgresServer::query(db.string(), "SELECT COUNT(*) FROM events_d" + std::to_string(oldDay),
+                                                 error),
+                  "2\n");
+    } else {
+        ASSERT_TRUE(sqlite(db, age));
+    }
+    CollectorProcess kept({"--retention-days", "3"}, db);
+    ASSERT_TRUE(kept.start()) << kept.failure();
+    const zub::Value rows = kept.storedEvents();
+    ASSERT_EQ(rows.size(), 2u) << kept.failure();
+    EXPECT_EQ(rows[0]["idx"], 2);
+    if (postgres()) {  // the whole day went
+        EXPECT_EQ(zubtest::PostgresServer::query(
+                      db.string(), "SELECT to_regclass('events_d" + std::to_string(oldDay) + "') IS NULL", error),
+                  "t\n");
+    }
 }
 
 TEST(CollectorDatabaseFile, ReadOnlyDatabaseIsReadWithoutAnyWrite) {
