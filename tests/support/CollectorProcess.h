@@ -61,6 +61,8 @@ public:
 
     /// True when this build knows where the collector binary is.
     static bool available();
+    /// This build's collector, or the one ZUB_COLLECTOR_BINARY names (to time
+    /// another build against the same load).
     static std::string binaryPath();
     /// Runs the binary with `args` to completion, capturing stdout and stderr.
     static CommandResult run(const std::vector<std::string>& args);

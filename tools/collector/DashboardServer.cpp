@@ -258,6 +258,7 @@ std::unique_ptr<Database> DashboardServer::takeConnection(std::string& error) {
 }
 
 void DashboardServer::returnConnection(std::unique_ptr<Database> db) {
+    if (!db->healthy()) return;  // a broken connection is not kept
     std::lock_guard lock(poolMutex_);
     if (idle_.size() < kMaxIdleConnections) idle_.push_back(std::move(db));
 }

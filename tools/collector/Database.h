@@ -124,6 +124,10 @@ public:
     /// Whether the last failure was one that a retry of the whole transaction may
     /// cure (another writer's lock: a deadlock or a serialisation failure).
     virtual bool lastFailureIsTransient() const { return false; }
+    /// Whether the connection still works (a PostgreSQL server may go away).
+    virtual bool healthy() const { return true; }
+    /// Connects again when the connection broke; whether it works now.
+    virtual bool reconnect() { return true; }
 
 protected:
     Database() = default;

@@ -258,6 +258,10 @@ void EventStore::runJobs(std::vector<Job*>& jobs) {
         }
         bool transient = false;
         error.clear();
+        if (!db_->reconnect()) {  // the server went away: the clients will send again
+            error = "the database cannot be reached: " + db_->lastError();
+            break;
+        }
         if (tryJobs(jobs, now, transient, error)) return;
         std::string ignored;
         db_->exec("ROLLBACK", ignored);

@@ -175,17 +175,29 @@ std::unique_ptr<PostgresDatabase> PostgresDatabase::open(const std::string& url,
         PQfinish(conn);
         return nullptr;
     }
-    std::unique_ptr<PostgresDatabase> db(new PostgresDatabase(conn));
+    std::unique_ptr<PostgresDatabase> db(new PostgresDatabase(conn, mode));
     std::string why;
-    // Times are whole seconds computed by the collector; the server's zone and
-    // messages' language must not change what it stores or says.
-    if (!db->exec("SET client_encoding = 'UTF8'", why) || !db->exec("SET TimeZone = 'UTC'", why) ||
-        !db->exec("SET client_min_messages = warning", why) ||
-        (mode == Mode::ReadOnly && !db->exec("SET SESSION CHARACTERISTICS AS TRANSACTION READ ONLY", why))) {
+    if (!db->setUp(why)) {
         error = "cannot open database " + redacted(url) + ": " + why;
         return nullptr;
     }
     return db;
+}
+
+bool PostgresDatabase::setUp(std::string& error) {
+    // Times are whole seconds computed by the collector; the server's zone and
+    // messages' language must not change what it stores or says.
+    return exec("SET client_encoding = 'UTF8'", error) && exec("SET TimeZone = 'UTC'", error) &&
+           exec("SET client_min_messages = warning", error) &&
+           (mode_ != Mode::ReadOnly || exec("SET SESSION CHARACTERISTICS AS TRANSACTION READ ONLY", error));
+}
+
+bool PostgresDatabase::reconnect() {
+    if (healthy()) return true;
+    PQreset(conn_);
+    prepared_.clear();  // a new session knows none of them
+    std::string ignored;
+    return healthy() && setUp(ignored);
 }
 
 PostgresDatabase::~PostgresDatabase() { PQfinish(conn_); }

@@ -29,6 +29,8 @@ public:
     std::string lastError() const override { return lastError_; }
     std::int64_t changes() const override { return changes_; }
     bool lastFailureIsTransient() const override;
+    bool healthy() const override { return PQstatus(conn_) == CONNECTION_OK; }
+    bool reconnect() override;
 
     /// The URL without its password, for messages.
     static std::string redacted(const std::string& url);
@@ -42,10 +44,13 @@ public:
     bool noteResult(const PGresult* result);
 
 private:
-    explicit PostgresDatabase(PGconn* conn) : conn_(conn) {}
+    PostgresDatabase(PGconn* conn, Mode mode) : conn_(conn), mode_(mode) {}
+    /// The session's settings, after connecting.
+    bool setUp(std::string& error);
     std::unique_ptr<StatementImpl> prepareImpl(std::string_view sql, std::string& error) override;
 
     PGconn* conn_;
+    Mode mode_;
     std::map<std::pair<std::string, std::string>, std::string> prepared_;  // (sql, types) -> name
     std::string lastError_;
     std::string lastState_;  // SQLSTATE of the last failure

@@ -133,8 +133,8 @@ struct JsonSql {
 
 JsonSql jsonSql(Dialect dialect) {
     if (dialect == Dialect::Postgres) {
-        return {"(SELECT app_key, mid, et, si, ts, received, body::json AS j FROM events) AS events", "(j->>'ei')",
-                "(j->>'pi')", "(CASE WHEN json_typeof(j->'du') = 'number' THEN (j->>'du')::float8 END)",
+        return {"(SELECT app_key, mid, et, si, ts, received, body::json AS j FROM events) AS events",
+                "((j->>'ei') COLLATE \"C\")", "((j->>'pi') COLLATE \"C\")", "(CASE WHEN json_typeof(j->'du') = 'number' THEN (j->>'du')::float8 END)",
                 "(CASE WHEN json_typeof(j->'kv'->'count') = 'number' AND (j->'kv'->>'count') ~ '^-?[0-9]+$' "
                 "THEN (j->'kv'->>'count')::numeric END)"};
     }
