@@ -43,11 +43,10 @@ std::optional<zub::Value> post(const zub::Data& body, const std::string& url, st
 
 }  // namespace
 
-// Run on both stores: an SQLite file and a PostgreSQL database.
+// Run on both stores: an SQLite file and a PostgreSQL database. (Many clients on
+// PostgreSQL, over two collectors: CollectorCluster_test.)
 class CollectorStop : public zubtest::CollectorStoreTest {};
-class CollectorConcurrency : public zubtest::CollectorStoreTest {};
 ZUB_COLLECTOR_STORES(CollectorStop);
-ZUB_COLLECTOR_STORES(CollectorConcurrency);
 
 TEST(CollectorFaults, RetKnobAnswersWithoutStoringForTheGivenNumberOfReports) {
     REQUIRE_COLLECTOR();
@@ -102,7 +101,7 @@ TEST_P(CollectorStop, DelayedReportIsStillStoredWhenTheCollectorStops) {
     EXPECT_NE(collector.log().find("fault=delay2500ms"), std::string::npos);
 }
 
-TEST_P(CollectorConcurrency, ParallelClientsLoseNothingAndShareOneMidPerDevice) {
+TEST(CollectorConcurrency, ParallelClientsLoseNothingAndShareOneMidPerDevice) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();

@@ -68,9 +68,9 @@ std::optional<std::string> matchingKey(const std::optional<std::string>& value) 
 
 struct EventStore::Statements {
     Statement insertEvent;      // SQLite: one event, unless its identity is stored
-    std::map<std::size_t, Statement> insertEvents;  // PostgreSQL: N events
-    std::map<std::size_t, Statement> insertKeys;    // PostgreSQL: N identities, answering those new
-    Statement touchDevice;      // insert a device seen in events, or move its last_seen
+    Statement touchDevice;      // SQLite: insert a device seen in events, or move its last_seen
+    std::map<std::size_t, Statement> insertEvents;  // PostgreSQL: N events, answering those new
+    std::map<std::size_t, Statement> touchDevices;  // PostgreSQL: N devices seen in events
     Statement findByMid;
     Statement findByUi;
     Statement findByIoa;
@@ -105,13 +105,11 @@ bool EventStore::prepare(std::string& error) {
             "INSERT INTO events (app_key, mid, et, si, ts, idx, body, received, event_key) "
             "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9) ON CONFLICT DO NOTHING",
             error);
+        s.touchDevice = db.prepare(
+            "INSERT INTO devices (mid, ifv, ioa, ui, first_seen, last_seen) VALUES (?1, ?2, ?3, ?4, ?5, ?5) "
+            "ON CONFLICT (mid) DO UPDATE SET last_seen = MAX(last_seen, excluded.last_seen)",
+            error);
     }
-    s.touchDevice = db.prepare(
-        postgres ? "INSERT INTO devices AS d (mid, ifv, ioa, ui, first_seen, last_seen) VALUES (?1, ?2, ?3, ?4, ?5, ?5) "
-                   "ON CONFLICT (mid) DO UPDATE SET last_seen = GREATEST(d.last_seen, excluded.last_seen)"
-                 : "INSERT INTO devices (mid, ifv, ioa, ui, first_seen, last_seen) VALUES (?1, ?2, ?3, ?4, ?5, ?5) "
-                   "ON CONFLICT (mid) DO UPDATE SET last_seen = MAX(last_seen, excluded.last_seen)",
-        error);
     s.findByMid = db.prepare("SELECT mid FROM devices WHERE mid = ?1", error);
     s.findByUi = db.prepare("SELECT mid FROM devices WHERE ui = ?1 ORDER BY last_seen DESC LIMIT 1", error);
     s.findByIoa = db.prepare("SELECT mid FROM devices WHERE ioa = ?1 ORDER BY last_seen DESC LIMIT 1", error);
@@ -137,10 +135,9 @@ bool EventStore::prepare(std::string& error) {
     if (postgres) s.lockIdentifier = db.prepare("SELECT pg_advisory_xact_lock(hashtextextended(?1, 0))", error);
     s.rollups = RollupWriter::create(db, error);
     if (!s.rollups) return false;
-    for (const Statement* statement :
-         {&s.touchDevice, &s.findByMid, &s.findByUi, &s.findByIoa, &s.findByIfv, &s.updateDevice, &s.insertDevice,
-          &s.readConfigState, &s.writeConfigState}) {
-        if (!statement->ok() || (!postgres && !s.insertEvent.ok())) {
+    for (const Statement* statement : {&s.findByMid, &s.findByUi, &s.findByIoa, &s.findByIfv, &s.updateDevice,
+                                       &s.insertDevice, &s.readConfigState, &s.writeConfigState}) {
+        if (!statement->ok() || (!postgres && (!s.insertEvent.ok() || !s.touchDevice.ok()))) {
             error = "cannot prepare statements: " + error;
             return false;
         }
@@ -250,60 +247,109 @@ void EventStore::maintain(std::int64_t now) {
 
 void EventStore::runJobs(std::vector<Job*>& jobs) {
     const std::int64_t now = nowSeconds();
+    std::vector<Job*> active = jobs;
     std::string error;
-    for (int attempt = 1; attempt <= kAttempts; ++attempt) {
-        for (Job* job : jobs) {
+    for (int attempt = 1; !active.empty();) {
+        for (Job* job : active) {
             job->ok = false;
             job->error.clear();
         }
-        bool transient = false;
         error.clear();
         if (!db_->reconnect()) {  // the server went away: the clients will send again
             error = "the database cannot be reached: " + db_->lastError();
             break;
         }
-        if (tryJobs(jobs, now, transient, error)) return;
+        bool transient = false;
+        Job* culprit = nullptr;
+        if (tryJobs(active, now, transient, culprit, error)) return;
         std::string ignored;
         db_->exec("ROLLBACK", ignored);
         statements_->rollups->discard();
-        if (!transient) break;
+        if (culprit) {
+            // That request is answered with its failure; the others run again without it.
+            active.erase(std::find(active.begin(), active.end(), culprit));
+            continue;
+        }
+        if (!transient || ++attempt > kAttempts) break;
     }
-    for (Job* job : jobs) {
+    for (Job* job : active) {
         job->ok = false;
         job->error = "storage: " + error;
     }
 }
 
-bool EventStore::tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transient, std::string& error) {
+bool EventStore::tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transient, Job*& culprit,
+                         std::string& error) {
     Database& db = *db_;
+    // SQLite's savepoints cost nothing; on PostgreSQL each is a round trip, so a
+    // group runs without them and, when one request fails, again without that one.
+    const bool savepoints = db.dialect() == Dialect::Sqlite;
     keysThisGroup_.clear();
+    devicesThisGroup_.clear();
     auto failed = [&](const std::string& what) {
         error = what + db.lastError();
         transient = db.lastFailureIsTransient();
         return false;
     };
-    if (!db.exec(db.dialect() == Dialect::Postgres ? "BEGIN" : "BEGIN IMMEDIATE", error)) return failed("");
+    if (!db.exec(savepoints ? "BEGIN IMMEDIATE" : "BEGIN", error)) return failed("");
     if (!lockIdentifiers(jobs, error)) return failed("cannot lock device identifiers: ");
     for (Job* job : jobs) {
         std::string ignored;
-        if (!db.exec("SAVEPOINT job", job->error)) return failed("");
+        if (savepoints && !db.exec("SAVEPOINT job", job->error)) return failed("");
         job->ok = job->events ? storeBatchNow(*job, now, job->error)
                               : registerDeviceNow(*job->request, now, *job->registration, job->error);
         if (!job->ok) {
             if (db.lastFailureIsTransient()) return failed("");
+            if (!savepoints) {
+                culprit = job;
+                return false;
+            }
             db.exec("ROLLBACK TO SAVEPOINT job", ignored);
         } else if (job->events) {
             for (std::size_t i = 0; i < job->events->size(); ++i) {
                 if (job->fresh[i]) statements_->rollups->collect((*job->events)[i], now);
             }
         }
-        db.exec("RELEASE SAVEPOINT job", ignored);
+        if (savepoints) db.exec("RELEASE SAVEPOINT job", ignored);
     }
+    if (!touchDevices(now, error)) return failed("cannot record devices: ");
     if (!statements_->rollups->flush(error)) {
         transient = db.lastFailureIsTransient();
         return false;
     }
     if (!db.exec("COMMIT", error)) return failed("commit failed: ");
+    return true;
+}
+
+bool EventStore::touchDevices(std::int64_t now, std::string& error) {
+    // PostgreSQL: the devices the group's events came from, in one statement per
+    // 64, in the order of their mids (SQLite records them with each request).
+    std::vector<const std::pair<const std::string, DeviceSeen>*> devices;
+    for (const auto& device : devicesThisGroup_) devices.push_back(&device);
+    for (std::size_t start = 0; start < devices.size(); start += kRowsPerInsert) {
+        const std::size_t rows = std::min(kRowsPerInsert, devices.size() - start);
+        Statement& touch = statements_->touchDevices[rows];
+        if (!touch.ok()) {
+            std::string sql = "INSERT INTO devices AS d (mid, ifv, ioa, ui, first_seen, last_seen) VALUES ";
+            for (std::size_t r = 0; r < rows; ++r) {
+                sql += (r ? ", (?" : "(?") + std::to_string(4 * r + 1) + ", ?" + std::to_string(4 * r + 2) + ", ?" +
+                       std::to_string(4 * r + 3) + ", ?" + std::to_string(4 * r + 4) + ", ?" +
+                       std::to_string(4 * rows + 1) + ", ?" + std::to_string(4 * rows + 1) + ")";
+            }
+            touch = db_->prepare(sql + " ON CONFLICT (mid) DO UPDATE SET last_seen = GREATEST(d.last_seen, excluded.last_seen)",
+                                 error);
+        }
+        for (std::size_t r = 0; r < rows; ++r) {
+            const auto& [mid, seen] = *devices[start + r];
+            const int base = static_cast<int>(4 * r);
+            touch.bind(base + 1, mid);
+            touch.bind(base + 2, seen.ifv);
+            touch.bind(base + 3, seen.ioa);
+            touch.bind(base + 4, seen.ui);
+        }
+        touch.bind(static_cast<int>(4 * rows + 1), now);
+        if (!touch.run()) return false;
+    }
     return true;
 }
 
@@ -377,75 +423,61 @@ bool EventStore::insertEvents(const std::vector<EventRecord>& events, std::int64
         return true;
     }
 
-    // PostgreSQL: the identities first (those already stored, by this group or
-    // before, are not new), then the new events, many rows per statement.
-    std::vector<std::size_t> keyed;
+    // PostgreSQL: one statement per 64 events stores the identities that are new
+    // and the events that are new (those without an identity, or with one stored
+    // neither before nor by this group), and answers which those were.
+    std::vector<std::size_t> toSend;
     for (std::size_t i = 0; i < events.size(); ++i) {
-        if (!events[i].key) {
-            fresh[i] = true;
-        } else if (keysThisGroup_.insert(*events[i].key).second) {
-            keyed.push_back(i);
-        }
+        if (!events[i].key || keysThisGroup_.insert(*events[i].key).second) toSend.push_back(i);
     }
-    for (std::size_t start = 0; start < keyed.size(); start += kRowsPerInsert) {
-        const std::size_t rows = std::min(kRowsPerInsert, keyed.size() - start);
-        Statement& insert = s.insertKeys[rows];
+    constexpr int kColumns = 9;
+    for (std::size_t start = 0; start < toSend.size(); start += kRowsPerInsert) {
+        const std::size_t rows = std::min(kRowsPerInsert, toSend.size() - start);
+        const int day = static_cast<int>(rows) * kColumns + 1;
+        Statement& insert = s.insertEvents[rows];
         if (!insert.ok()) {
-            std::string sql = "INSERT INTO event_keys (event_key, day) VALUES ";
+            std::string values;
             for (std::size_t r = 0; r < rows; ++r) {
-                sql += (r ? ", (?" : "(?") + std::to_string(2 * r + 1) + ", ?" + std::to_string(2 * r + 2) + ")";
+                values += r ? ", (" : "(";
+                for (int c = 1; c <= kColumns; ++c) {
+                    values += (c > 1 ? ", ?" : "?") + std::to_string(static_cast<int>(r) * kColumns + c);
+                }
+                values += ")";
             }
-            insert = db.prepare(sql + " ON CONFLICT DO NOTHING RETURNING event_key", error);
+            const std::string isNew = " WHERE k IS NULL OR k IN (SELECT event_key FROM fresh)";
+            insert = db.prepare(
+                "WITH v (n, k, app_key, mid, et, si, ts, idx, body) AS (VALUES " + values + "), "
+                "fresh AS (INSERT INTO event_keys (event_key, day) SELECT k, ?" + std::to_string(day) +
+                    " FROM v WHERE k IS NOT NULL ON CONFLICT DO NOTHING RETURNING event_key), "
+                "stored AS (INSERT INTO events (app_key, mid, et, si, ts, idx, body, received) "
+                "SELECT app_key, mid, et, si, ts, idx, body, ?" + std::to_string(day + 1) + " FROM v" + isNew +
+                    " ORDER BY n) "
+                "SELECT n FROM v" + isNew,
+                error);
         }
-        std::map<std::string_view, std::size_t> byKey;
         for (std::size_t r = 0; r < rows; ++r) {
-            const std::size_t i = keyed[start + r];
-            insert.bind(static_cast<int>(2 * r + 1), *events[i].key);
-            insert.bind(static_cast<int>(2 * r + 2), now / kDay);
-            byKey.emplace(*events[i].key, i);
+            const std::size_t i = toSend[start + r];
+            const EventRecord& event = events[i];
+            const int base = static_cast<int>(r) * kColumns;
+            insert.bind(base + 1, static_cast<std::int64_t>(i));
+            insert.bind(base + 2, event.key);
+            insert.bind(base + 3, event.appKey);
+            insert.bind(base + 4, event.mid);
+            insert.bind(base + 5, event.type);
+            insert.bind(base + 6, event.session);
+            insert.bind(base + 7, event.time);
+            insert.bind(base + 8, event.index);
+            insert.bind(base + 9, std::string_view(event.json));
         }
+        insert.bind(day, now / kDay);
+        insert.bind(day + 1, now);
         while (insert.step()) {
-            if (const auto found = byKey.find(insert.textView(0)); found != byKey.end()) fresh[found->second] = true;
+            const std::int64_t stored = insert.integer(0);
+            if (stored >= 0 && static_cast<std::size_t>(stored) < fresh.size()) fresh[static_cast<std::size_t>(stored)] = true;
         }
         const bool ok = insert.done();
         insert.reset();
         if (!ok) {
-            error = "storage: cannot store an event: " + db.lastError();
-            return false;
-        }
-    }
-    std::vector<std::size_t> rowsToStore;
-    for (std::size_t i = 0; i < events.size(); ++i) {
-        if (fresh[i]) rowsToStore.push_back(i);
-    }
-    constexpr int kColumns = 8;
-    for (std::size_t start = 0; start < rowsToStore.size(); start += kRowsPerInsert) {
-        const std::size_t rows = std::min(kRowsPerInsert, rowsToStore.size() - start);
-        Statement& insert = s.insertEvents[rows];
-        if (!insert.ok()) {
-            std::string sql = "INSERT INTO events (app_key, mid, et, si, ts, idx, body, received) VALUES ";
-            for (std::size_t r = 0; r < rows; ++r) {
-                sql += r ? ", (" : "(";
-                for (int c = 1; c <= kColumns; ++c) {
-                    sql += (c > 1 ? ", ?" : "?") + std::to_string(static_cast<int>(r) * kColumns + c);
-                }
-                sql += ")";
-            }
-            insert = db.prepare(sql, error);
-        }
-        for (std::size_t r = 0; r < rows; ++r) {
-            const EventRecord& event = events[rowsToStore[start + r]];
-            const int base = static_cast<int>(r) * kColumns;
-            insert.bind(base + 1, event.appKey);
-            insert.bind(base + 2, event.mid);
-            insert.bind(base + 3, event.type);
-            insert.bind(base + 4, event.session);
-            insert.bind(base + 5, event.time);
-            insert.bind(base + 6, event.index);
-            insert.bind(base + 7, std::string_view(event.json));
-            insert.bind(base + 8, now);
-        }
-        if (!insert.run()) {
             error = "storage: cannot store an event: " + db.lastError();
             return false;
         }
@@ -461,7 +493,10 @@ bool EventStore::storeBatchNow(Job& job, std::int64_t now, std::string& error) {
     std::set<std::string> devicesSeen;
     for (std::size_t i = 0; i < events.size(); ++i) {
         const EventRecord& event = events[i];
-        if (event.mid && !event.mid->empty() && devicesSeen.insert(*event.mid).second) {
+        if (event.mid && !event.mid->empty() && db_->dialect() == Dialect::Postgres) {
+            devicesThisGroup_.try_emplace(*event.mid, DeviceSeen{matchingKey(event.ifv), matchingKey(event.ioa),
+                                                                  matchingKey(event.ui)});
+        } else if (event.mid && !event.mid->empty() && devicesSeen.insert(*event.mid).second) {
             s.touchDevice.bind(1, *event.mid);
             s.touchDevice.bind(2, matchingKey(event.ifv));
             s.touchDevice.bind(3, matchingKey(event.ioa));

@@ -2,19 +2,21 @@
 // through it.
 //
 // Request threads hand their work to the writer and wait for it. The writer takes
-// everything that is waiting, runs it in one transaction (each piece of work in
-// its own savepoint, so one failure does not undo the others) and commits before
-// it wakes the waiters: a request is answered only once what it brought is on
-// disk, and many concurrent requests share one commit. close() finishes all
+// everything that is waiting, runs it in one transaction and commits before it
+// wakes the waiters: a request is answered only once what it brought is
+// committed, and many concurrent requests share one commit. One failing request
+// does not undo the others: on SQLite each runs in its own savepoint; on
+// PostgreSQL (where a savepoint costs a round trip) the group runs again without
+// it. The dashboard's summaries of the whole group are written once, at its end. close() finishes all
 // pending work before the connection is closed, so an orderly shutdown loses
 // nothing that was acknowledged.
 //
 // The database is an SQLite file or a PostgreSQL database (Database.h), which
 // several collectors may share: there a group that meets another collector's
 // locks in a deadlock is undone and run again, registrations of one device take
-// turns (a lock per identifier, held to the commit), and an event sent again (its
-// identity, EventRecord::key, already stored) is acknowledged without a second
-// row, in both stores.
+// turns (a lock per identifier, held to the commit), and a broken connection is
+// opened again before the next group. In both stores an event sent again (its
+// identity, EventRecord::key, already stored) is acknowledged without a second row.
 #pragma once
 
 #include "Database.h"
@@ -25,6 +27,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -114,7 +117,11 @@ private:
     void runJobs(std::vector<Job*>& jobs);
     /// One attempt at the group in one transaction; false when the whole
     /// transaction failed (`transient` when a retry may succeed).
-    bool tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transient, std::string& error);
+    /// On PostgreSQL a request that fails undoes the whole attempt: it is named
+    /// in `culprit`, to be left out of the next.
+    bool tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transient, Job*& culprit, std::string& error);
+    /// Records the devices the group's events came from (PostgreSQL).
+    bool touchDevices(std::int64_t now, std::string& error);
     /// Today's and tomorrow's partitions, and the retention, once a day.
     void maintain(std::int64_t now);
     bool lockIdentifiers(const std::vector<Job*>& jobs, std::string& error);
@@ -128,6 +135,10 @@ private:
     StoreSettings settings_;
     std::int64_t maintainedDay_ = -1;         // writer thread only
     std::set<std::string> keysThisGroup_;     // writer thread only: identities stored by the group so far
+    struct DeviceSeen {
+        std::optional<std::string> ifv, ioa, ui;
+    };
+    std::map<std::string, DeviceSeen> devicesThisGroup_;  // writer thread only: by mid (PostgreSQL)
     std::unique_ptr<Database> db_;          // used by the writer thread only (and by open/close)
     std::unique_ptr<Statements> statements_;  // idem
 

@@ -214,14 +214,114 @@ bool histogramMedian(const DurationHistogram& histogram, double& median) {
     return false;
 }
 
+namespace {
+
+// Rows per summary statement on PostgreSQL (one round trip each).
+constexpr std::size_t kRowsPerUpsert = 64;
+
+// A multi-row upsert into one summary table: rows unique per key (absent keys
+// included: NULLS NOT DISTINCT) are added to when they are there. A column named
+// with a type ("du_hist BIGINT[]") takes its value as text of that type.
+struct Upsert {
+    Upsert(std::string table, std::vector<std::string> columns, std::string key, std::string update,
+           std::string returning = {})
+        : table(std::move(table)), columns(std::move(columns)), key(std::move(key)), update(std::move(update)),
+          returning(std::move(returning)) {}
+
+    std::string table;
+    std::vector<std::string> columns;
+    std::string key;
+    std::string update;
+    std::string returning;
+    std::map<std::size_t, Statement> byRows;
+
+    Statement& statement(Database& db, std::size_t rows, std::string& error) {
+        Statement& statement = byRows[rows];
+        if (statement.ok()) return statement;
+        std::string names;
+        for (const std::string& column : columns) {
+            if (!names.empty()) names.append(", ");
+            names.append(column, 0, column.find(' '));
+        }
+        std::string values;
+        int n = 0;
+        for (std::size_t r = 0; r < rows; ++r) {
+            values += r ? ", (" : "(";
+            for (std::size_t c = 0; c < columns.size(); ++c) {
+                const std::size_t space = columns[c].find(' ');
+                if (c) values.append(", ");
+                if (space != std::string::npos) values.append("CAST(");
+                values.append("?").append(std::to_string(++n));
+                if (space != std::string::npos) values.append(" AS ").append(columns[c], space + 1).append(")");
+            }
+            values += ")";
+        }
+        statement = db.prepare("INSERT INTO " + table + " AS t (" + names + ") VALUES " + values + " ON CONFLICT (" +
+                                   key + ") DO UPDATE SET " + update + returning,
+                               error);
+        return statement;
+    }
+
+    // Writes `rows` (a map from key to what is added), `bind(statement, first
+    // parameter, key, value)` binding one; `answer(statement)` reads each row a
+    // RETURNING gives back.
+    template <typename Rows, typename Bind, typename Answer>
+    bool write(Database& db, const Rows& rows, Bind bind, Answer answer, std::string& error) {
+        auto it = rows.begin();
+        for (std::size_t left = rows.size(); left > 0;) {
+            const std::size_t n = std::min(kRowsPerUpsert, left);
+            Statement& st = statement(db, n, error);
+            for (std::size_t r = 0; r < n; ++r, ++it) bind(st, static_cast<int>(r * columns.size()) + 1, it->first, it->second);
+            while (st.step()) answer(st);
+            const bool ok = st.done();
+            st.reset();
+            if (!ok) return false;
+            left -= n;
+        }
+        return true;
+    }
+    template <typename Rows, typename Bind>
+    bool write(Database& db, const Rows& rows, Bind bind, std::string& error) {
+        return write(db, rows, bind, [](const Statement&) {}, error);
+    }
+};
+
+}  // namespace
+
 struct RollupWriter::Pending {
     BatchSummary batch;
 };
 
 struct RollupWriter::Statements {
-    // PostgreSQL: one upsert per summary.
-    Statement upsertActivity, upsertSession, upsertDevice, upsertNamed, upsertReferrer, upsertReferrerDay,
-        upsertArgument, upsertArgumentDay, upsertAudience;
+    // PostgreSQL: each summary's rows of a group in a few statements.
+    Upsert activity{"activity_hours", {"hour", "app_key", "mid", "si", "events", "active_seconds", "dropped"},
+                    "hour, app_key, mid, si",
+                    "events = t.events + excluded.events, active_seconds = t.active_seconds + excluded.active_seconds, "
+                    "dropped = t.dropped + excluded.dropped"};
+    // Answers which sessions are new to the table.
+    Upsert sessions{"sessions", {"app_key", "mid", "si", "first_ts", "last_ts"}, "app_key, mid, si",
+                    "first_ts = LEAST(t.first_ts, excluded.first_ts), last_ts = GREATEST(t.last_ts, excluded.last_ts)",
+                    " RETURNING app_key, mid, CASE WHEN xmax = 0 THEN 1 ELSE 0 END"};
+    Upsert devices{"app_devices", {"app_key", "mid", "first_ts", "last_ts", "sessions", "events", "app_version"},
+                   "app_key, mid",
+                   "first_ts = LEAST(t.first_ts, excluded.first_ts), last_ts = GREATEST(t.last_ts, excluded.last_ts), "
+                   "sessions = t.sessions + excluded.sessions, events = t.events + excluded.events, "
+                   "app_version = COALESCE(excluded.app_version, t.app_version)"};
+    Upsert named{"named_hours", {"hour", "kind", "app_key", "name", "count", "du_sum", "du_count", "du_hist BIGINT[]"},
+                 "hour, kind, app_key, name",
+                 "count = t.count + excluded.count, du_sum = t.du_sum + excluded.du_sum, "
+                 "du_count = t.du_count + excluded.du_count, du_hist = ARRAY(SELECT h.a + h.b FROM "
+                 "unnest(t.du_hist, excluded.du_hist) WITH ORDINALITY AS h(a, b, n) ORDER BY h.n)"};
+    Upsert referrers{"referrer_hours", {"hour", "app_key", "page", "referrer", "count"}, "hour, app_key, page, referrer",
+                     "count = t.count + excluded.count"};
+    Upsert referrerDays{"referrer_days", {"day", "app_key", "page", "referrer", "count"}, "day, app_key, page, referrer",
+                        "count = t.count + excluded.count"};
+    Upsert arguments{"argument_hours", {"hour", "app_key", "event", "key", "value", "count"},
+                     "hour, app_key, event, key, value", "count = t.count + excluded.count"};
+    Upsert argumentDays{"argument_days", {"day", "app_key", "event", "key", "value", "count"},
+                        "day, app_key, event, key, value", "count = t.count + excluded.count"};
+    Upsert audience{"audience_hours", {"hour", "app_key", "dimension", "value", "count"}, "hour, dimension, app_key, value",
+                    "count = t.count + excluded.count"};
     // SQLite: found and updated, or inserted.
     Statement updateActivity, insertActivity;
     Statement findSession, updateSession, insertSession;
@@ -235,49 +335,6 @@ struct RollupWriter::Statements {
 std::unique_ptr<RollupWriter> RollupWriter::create(Database& db, std::string& error) {
     auto s = std::make_unique<Statements>();
     if (db.dialect() == Dialect::Postgres) {
-        // Rows are unique per key, absent keys included (NULLS NOT DISTINCT): a
-        // row that is there is added to.
-        s->upsertActivity = db.prepare(
-            "INSERT INTO activity_hours AS t (hour, app_key, mid, si, events, active_seconds, dropped) "
-            "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7) ON CONFLICT (hour, app_key, mid, si) DO UPDATE SET "
-            "events = t.events + excluded.events, active_seconds = t.active_seconds + excluded.active_seconds, "
-            "dropped = t.dropped + excluded.dropped",
-            error);
-        // Answers 1 for a session new to the table.
-        s->upsertSession = db.prepare(
-            "INSERT INTO sessions AS t (app_key, mid, si, first_ts, last_ts) VALUES (?1, ?2, ?3, ?4, ?5) "
-            "ON CONFLICT (app_key, mid, si) DO UPDATE SET first_ts = LEAST(t.first_ts, excluded.first_ts), "
-            "last_ts = GREATEST(t.last_ts, excluded.last_ts) RETURNING CASE WHEN xmax = 0 THEN 1 ELSE 0 END",
-            error);
-        s->upsertDevice = db.prepare(
-            "INSERT INTO app_devices AS t (app_key, mid, first_ts, last_ts, sessions, events, app_version) "
-            "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7) ON CONFLICT (app_key, mid) DO UPDATE SET "
-            "first_ts = LEAST(t.first_ts, excluded.first_ts), last_ts = GREATEST(t.last_ts, excluded.last_ts), "
-            "sessions = t.sessions + excluded.sessions, events = t.events + excluded.events, "
-            "app_version = COALESCE(excluded.app_version, t.app_version)",
-            error);
-        s->upsertNamed = db.prepare(
-            "INSERT INTO named_hours AS t (hour, kind, app_key, name, count, du_sum, du_count, du_hist) "
-            "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, CAST(?8 AS BIGINT[])) ON CONFLICT (hour, kind, app_key, name) "
-            "DO UPDATE SET count = t.count + excluded.count, du_sum = t.du_sum + excluded.du_sum, "
-            "du_count = t.du_count + excluded.du_count, du_hist = ARRAY(SELECT h.a + h.b FROM "
-            "unnest(t.du_hist, excluded.du_hist) WITH ORDINALITY AS h(a, b, n) ORDER BY h.n)",
-            error);
-        // A table of counts per key: ?1 the hour or day, then the keys, then the count.
-        auto counted = [&](const char* table, const char* when, const char* keys) {
-            const std::string keyList = std::string(when) + ", " + keys;
-            const auto columns = static_cast<int>(std::count(keyList.begin(), keyList.end(), ',')) + 2;
-            std::string values;
-            for (int i = 1; i <= columns; ++i) values += (i > 1 ? ", ?" : "?") + std::to_string(i);
-            return db.prepare(std::string("INSERT INTO ") + table + " AS t (" + keyList + ", count) VALUES (" + values +
-                                  ") ON CONFLICT (" + keyList + ") DO UPDATE SET count = t.count + excluded.count",
-                              error);
-        };
-        s->upsertReferrer = counted("referrer_hours", "hour", "app_key, page, referrer");
-        s->upsertReferrerDay = counted("referrer_days", "day", "app_key, page, referrer");
-        s->upsertArgument = counted("argument_hours", "hour", "app_key, event, key, value");
-        s->upsertArgumentDay = counted("argument_days", "day", "app_key, event, key, value");
-        s->upsertAudience = counted("audience_hours", "hour", "app_key, dimension, value");
         return std::unique_ptr<RollupWriter>(new RollupWriter(db, std::move(s)));
     }
     // Keys may be absent (NULL): rows are found with IS, which matches NULL to NULL.
@@ -573,63 +630,76 @@ bool RollupWriter::flushPostgres(std::string& error) {
         error = std::string("storage: cannot summarise ") + what + ": " + db_.lastError();
         return false;
     };
-    for (const auto& [key, a] : batch.activity) {
-        const auto& [hour, app, mid, si] = key;
-        Statement& st = s.upsertActivity;
-        st.bind(1, hour);
-        st.bind(2, app);
-        st.bind(3, mid);
-        st.bind(4, si);
-        st.bind(5, a.events);
-        st.bind(6, a.activeSeconds);
-        st.bind(7, a.dropped);
-        if (!st.run()) return fail("activity");
+    if (!s.activity.write(
+            db_, batch.activity,
+            [](Statement& st, int p, const auto& key, const Activity& a) {
+                const auto& [hour, app, mid, si] = key;
+                st.bind(p, hour);
+                st.bind(p + 1, app);
+                st.bind(p + 2, mid);
+                st.bind(p + 3, si);
+                st.bind(p + 4, a.events);
+                st.bind(p + 5, a.activeSeconds);
+                st.bind(p + 6, a.dropped);
+            },
+            error)) {
+        return fail("activity");
     }
 
     std::map<std::pair<OptText, std::string>, std::int64_t> newSessions;
-    for (const auto& [key, span] : batch.sessions) {
-        const auto& [app, mid, si] = key;
-        Statement& st = s.upsertSession;
-        st.bind(1, app);
-        st.bind(2, mid);
-        st.bind(3, si);
-        st.bind(4, span.first);
-        st.bind(5, span.last);
-        const bool inserted = st.step() && st.integer(0) == 1;
-        const bool failed = st.failed();
-        st.reset();
-        if (failed) return fail("sessions");
-        if (inserted && mid) ++newSessions[{app, *mid}];
+    if (!s.sessions.write(
+            db_, batch.sessions,
+            [](Statement& st, int p, const auto& key, const Span& span) {
+                const auto& [app, mid, si] = key;
+                st.bind(p, app);
+                st.bind(p + 1, mid);
+                st.bind(p + 2, si);
+                st.bind(p + 3, span.first);
+                st.bind(p + 4, span.last);
+            },
+            [&](const Statement& st) {
+                if (st.integer(2) == 1 && !st.isNull(1)) {
+                    ++newSessions[{st.isNull(0) ? OptText() : OptText(st.text(0)), st.text(1)}];
+                }
+            },
+            error)) {
+        return fail("sessions");
     }
 
-    for (const auto& [key, d] : batch.devices) {
-        const auto& [app, mid] = key;
-        Statement& st = s.upsertDevice;
-        st.bind(1, app);
-        st.bind(2, mid);
-        st.bind(3, d.span.first);
-        st.bind(4, d.span.last);
-        st.bind(5, newSessions[key]);
-        st.bind(6, d.events);
-        st.bind(7, d.appVersion);
-        if (!st.run()) return fail("devices");
+    if (!s.devices.write(
+            db_, batch.devices,
+            [&](Statement& st, int p, const auto& key, const DeviceBatch& d) {
+                const auto& [app, mid] = key;
+                st.bind(p, app);
+                st.bind(p + 1, mid);
+                st.bind(p + 2, d.span.first);
+                st.bind(p + 3, d.span.last);
+                st.bind(p + 4, newSessions[key]);
+                st.bind(p + 5, d.events);
+                st.bind(p + 6, d.appVersion);
+            },
+            error)) {
+        return fail("devices");
     }
 
-    for (const auto& [key, n] : batch.named) {
-        const auto& [hour, app, kind, name] = key;
-        std::string histogram = histogramText(n.histogram);
-        histogram.front() = '{';  // PostgreSQL's array text
-        histogram.back() = '}';
-        Statement& st = s.upsertNamed;
-        st.bind(1, hour);
-        st.bind(2, std::string(1, kind));
-        st.bind(3, app);
-        st.bind(4, name);
-        st.bind(5, n.count);
-        st.bindReal(6, n.durationSum);
-        st.bind(7, n.durationCount);
-        st.bind(8, histogram);
-        if (!st.run()) return fail("pages and custom events");
+    if (!s.named.write(
+            db_, batch.named,
+            [](Statement& st, int p, const auto& key, const Named& n) {
+                const auto& [hour, app, kind, name] = key;
+                std::string histogram = histogramText(n.histogram);
+                histogram.front() = '{';  // PostgreSQL's array text
+                histogram.back() = '}';
+                st.bind(p, hour);
+                st.bind(p + 1, std::string(1, kind));
+                st.bind(p + 2, app);
+                st.bind(p + 3, name);
+                st.bind(p + 4, n.count);
+                st.bindReal(p + 5, n.durationSum);
+                st.bind(p + 6, n.durationCount);
+                st.bind(p + 7, histogram);
+            },
+            error)) {
+        return fail("pages and custom events");
     }
 
     std::map<std::tuple<std::int64_t, OptText, OptText, std::string>, std::int64_t> referrerDays;
@@ -637,17 +707,17 @@ bool RollupWriter::flushPostgres(std::string& error) {
         const auto& [hour, app, page, referrer] = key;
         referrerDays[{dayOfHour(hour), app, page, referrer}] += count;
     }
-    for (auto* table : {&batch.referrers, &referrerDays}) {
-        Statement& st = table == &referrerDays ? s.upsertReferrerDay : s.upsertReferrer;
-        for (const auto& [key, count] : *table) {
-            const auto& [when, app, page, referrer] = key;
-            st.bind(1, when);
-            st.bind(2, app);
-            st.bind(3, page);
-            st.bind(4, referrer);
-            st.bind(5, count);
-            if (!st.run()) return fail("referrers");
-        }
+    auto bindReferrer = [](Statement& st, int p, const auto& key, std::int64_t count) {
+        const auto& [when, app, page, referrer] = key;
+        st.bind(p, when);
+        st.bind(p + 1, app);
+        st.bind(p + 2, page);
+        st.bind(p + 3, referrer);
+        st.bind(p + 4, count);
+    };
+    if (!s.referrers.write(db_, batch.referrers, bindReferrer, error) ||
+        !s.referrerDays.write(db_, referrerDays, bindReferrer, error)) {
+        return fail("referrers");
     }
 
     std::map<std::tuple<std::int64_t, OptText, OptText, std::string, std::string>, std::int64_t> argumentDays;
@@ -655,29 +725,32 @@ bool RollupWriter::flushPostgres(std::string& error) {
         const auto& [hour, app, event, argument, value] = key;
         argumentDays[{dayOfHour(hour), app, event, argument, value}] += count;
     }
-    for (auto* table : {&batch.arguments, &argumentDays}) {
-        Statement& st = table == &argumentDays ? s.upsertArgumentDay : s.upsertArgument;
-        for (const auto& [key, count] : *table) {
-            const auto& [when, app, event, argument, value] = key;
-            st.bind(1, when);
-            st.bind(2, app);
-            st.bind(3, event);
-            st.bind(4, argument);
-            st.bind(5, value);
-            st.bind(6, count);
-            if (!st.run()) return fail("arguments");
-        }
+    auto bindArgument = [](Statement& st, int p, const auto& key, std::int64_t count) {
+        const auto& [when, app, event, argument, value] = key;
+        st.bind(p, when);
+        st.bind(p + 1, app);
+        st.bind(p + 2, event);
+        st.bind(p + 3, argument);
+        st.bind(p + 4, value);
+        st.bind(p + 5, count);
+    };
+    if (!s.arguments.write(db_, batch.arguments, bindArgument, error) ||
+        !s.argumentDays.write(db_, argumentDays, bindArgument, error)) {
+        return fail("arguments");
     }
 
-    for (const auto& [key, count] : batch.audience) {
-        const auto& [hour, app, dimension, value] = key;
-        Statement& st = s.upsertAudience;
-        st.bind(1, hour);
-        st.bind(2, app);
-        st.bind(3, dimension);
-        st.bind(4, value);
-        st.bind(5, count);
-        if (!st.run()) return fail("audience");
+    if (!s.audience.write(
+            db_, batch.audience,
+            [](Statement& st, int p, const auto& key, std::int64_t count) {
+                const auto& [hour, app, dimension, value] = key;
+                st.bind(p, hour);
+                st.bind(p + 1, app);
+                st.bind(p + 2, dimension);
+                st.bind(p + 3, value);
+                st.bind(p + 4, count);
+            },
+            error)) {
+        return fail("audience");
     }
     return true;
 }
