@@ -44,8 +44,8 @@ zub::Data batchBody(int thread, std::int64_t batch) {
                 R"(,"ui":"0123456789abcdef0123456789abcdef01234567","ifv":"6F1C2D3E-1111-2222-3333-444455556666",)"
                 R"("ioa":"89abcdef0123456789abcdef0123456789abcdef","et":1000,"mid":"load-mid-)" +
                 std::to_string(thread) + R"(","sv":"1.0.0","av":"2.3.4","ch":"AppStore","ut":1,"idx":)" +
-                std::to_string(idx) + R"(,"mc":"0","m5":"k)" + std::to_string(idx) + R"(","ei":"purchase","kv":{"item":"book","n":")" + std::to_string(i) +
-                R"("}})";
+                std::to_string(idx) + R"(,"mc":"0","m5":"k)" + std::to_string(idx) +
+                R"(","ei":"purchase","kv":{"item":"book","n":")" + std::to_string(i) + R"("}})";
     }
     body += "]";
     return zub::Data(body.begin(), body.end());

@@ -24,15 +24,15 @@ std::unique_ptr<Database> openForQuery(const std::string& path, std::ostream& er
     }
     int version = 0;
     if (!readSchemaVersion(*db, version, error)) {
-        err << "zub-collector: " << path << " is not a collector database: " << error << "\n";
+        err << "zub-collector: " << Database::displayName(path) << " is not a collector database: " << error << "\n";
         return nullptr;
     }
     if (version == 0) {
-        err << "zub-collector: " << path << " is not a collector database (no schema version)\n";
+        err << "zub-collector: " << Database::displayName(path) << " is not a collector database (no schema version)\n";
         return nullptr;
     }
     if (version > kSchemaVersion) {
-        err << "zub-collector: " << path << " has schema version " << version << ", newer than this collector's ("
+        err << "zub-collector: " << Database::displayName(path) << " has schema version " << version << ", newer than this collector's ("
             << kSchemaVersion << ")\n";
         return nullptr;
     }
@@ -134,7 +134,8 @@ struct JsonSql {
 JsonSql jsonSql(Dialect dialect) {
     if (dialect == Dialect::Postgres) {
         return {"(SELECT app_key, mid, et, si, ts, received, body::json AS j FROM events) AS events",
-                "((j->>'ei') COLLATE \"C\")", "((j->>'pi') COLLATE \"C\")", "(CASE WHEN json_typeof(j->'du') = 'number' THEN (j->>'du')::float8 END)",
+                "((j->>'ei') COLLATE \"C\")", "((j->>'pi') COLLATE \"C\")",
+                "(CASE WHEN json_typeof(j->'du') = 'number' THEN (j->>'du')::float8 END)",
                 "(CASE WHEN json_typeof(j->'kv'->'count') = 'number' AND (j->'kv'->>'count') ~ '^-?[0-9]+$' "
                 "THEN (j->'kv'->>'count')::numeric END)"};
     }
@@ -270,7 +271,7 @@ void printStatsJson(const Stats& stats, std::ostream& out) {
 }
 
 void printStatsTable(const Stats& stats, const StatsOptions& options, std::ostream& out) {
-    out << "Collector database " << options.dbPath;
+    out << "Collector database " << Database::displayName(options.dbPath);
     if (options.app) out << ", application " << *options.app;
     if (options.since) out << ", events from " << utcText(*options.since) << " UTC";
     if (options.until) out << ", events before " << utcText(*options.until) << " UTC";
