@@ -168,13 +168,6 @@ void CollectorProcess::useStore(Store store) { currentStore = store; }
 
 CollectorProcess::Store CollectorProcess::store() { return currentStore; }
 
-std::string CollectorProcess::newDatabase(std::string& error) {
-    if (store() == Store::Postgres) return PostgresServer::newDatabase(error);
-    const std::filesystem::path dir =
-        TempHome::makeDir("collector-" + std::to_string(::getpid()) + "-" + std::to_string(instanceCounter++));
-    return (dir / "collector.db").string();
-}
-
 std::string storeName(const testing::TestParamInfo<CollectorProcess::Store>& info) {
     return info.param == CollectorProcess::Store::Postgres ? "Postgres" : "Sqlite";
 }

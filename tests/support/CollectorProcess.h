@@ -55,9 +55,6 @@ public:
     /// given no database.
     static void useStore(Store store);
     static Store store();
-    /// A fresh database of the current store: a file path, or a PostgreSQL URL
-    /// ("" and why in `error` when the server cannot give one).
-    static std::string newDatabase(std::string& error);
 
     /// True when this build knows where the collector binary is.
     static bool available();
