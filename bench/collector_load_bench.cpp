@@ -2,7 +2,9 @@
 // through the library's transport (gzip, RC4, libcurl keep-alive) for a bounded
 // time (ZUB_LOAD_SECONDS, default 10), then the stored events are counted with
 // the collector's own `stats` command. Reports batches/s and events/s answered,
-// and fails when any acknowledged event is missing from the database.
+// and fails when any acknowledged event is missing from the database. Runs on
+// each store: an SQLite file, and a PostgreSQL database on a server the
+// benchmark starts (Debian's postgresql package).
 #include <benchmark/benchmark.h>
 
 #if __has_include("support/CollectorProcess.h") && defined(ZUB_COLLECTOR_PATH)
@@ -31,7 +33,8 @@ int loadSeconds() {
     return seconds > 0 && seconds <= 120 ? seconds : 10;
 }
 
-// A batch shaped like the library's custom events, each event with its own index.
+// A batch shaped like the library's custom events, each event with its own index
+// and its own key ("m5"), which the collector keeps to store a resent event once.
 zub::Data batchBody(int thread, std::int64_t batch) {
     std::string body = "[";
     for (int i = 0; i < kEventsPerBatch; ++i) {
@@ -41,8 +44,8 @@ zub::Data batchBody(int thread, std::int64_t batch) {
                 R"(,"ui":"0123456789abcdef0123456789abcdef01234567","ifv":"6F1C2D3E-1111-2222-3333-444455556666",)"
                 R"("ioa":"89abcdef0123456789abcdef0123456789abcdef","et":1000,"mid":"load-mid-)" +
                 std::to_string(thread) + R"(","sv":"1.0.0","av":"2.3.4","ch":"AppStore","ut":1,"idx":)" +
-                std::to_string(idx) + R"(,"mc":"0","ei":"purchase","kv":{"item":"book","n":")" + std::to_string(i) +
-                R"("}})";
+                std::to_string(idx) + R"(,"mc":"0","m5":"k)" + std::to_string(idx) +
+                R"(","ei":"purchase","kv":{"item":"book","n":")" + std::to_string(i) + R"("}})";
     }
     body += "]";
     return zub::Data(body.begin(), body.end());
@@ -50,6 +53,8 @@ zub::Data batchBody(int thread, std::int64_t batch) {
 
 void CollectorLoad(benchmark::State& state) {
     const bool quiet = state.range(0) != 0;
+    zubtest::CollectorProcess::useStore(state.range(1) != 0 ? zubtest::CollectorProcess::Store::Postgres
+                                                            : zubtest::CollectorProcess::Store::Sqlite);
     std::vector<std::string> args;
     if (quiet) args.push_back("--quiet");
     zubtest::CollectorProcess collector(args);
@@ -97,8 +102,17 @@ void CollectorLoad(benchmark::State& state) {
     if (stored != sent) state.SkipWithError("stored events differ from acknowledged events");
 }
 
-// Argument: 0 = a log line per request (the default), 1 = --quiet.
-BENCHMARK(CollectorLoad)->Arg(0)->Arg(1)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+// Arguments: 0 = a log line per request (the default), 1 = --quiet; the store:
+// 0 = SQLite, 1 = PostgreSQL.
+BENCHMARK(CollectorLoad)
+    ->ArgNames({"quiet", "postgres"})
+    ->Args({0, 0})
+    ->Args({1, 0})
+    ->Args({0, 1})
+    ->Args({1, 1})
+    ->Iterations(1)
+    ->Unit(benchmark::kSecond)
+    ->UseRealTime();
 
 #endif  // ZUB_HAVE_COLLECTOR
 

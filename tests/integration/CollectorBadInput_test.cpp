@@ -90,7 +90,11 @@ std::string exchangeOnSocket(int port, const std::string& head, const std::strin
 
 }  // namespace
 
-TEST(CollectorBadInput, EveryMalformedBatchGetsAClearErrorAndStoredEventsStay) {
+// Run on both stores: an SQLite file and a PostgreSQL database.
+class CollectorBadInput : public zubtest::CollectorStoreTest {};
+ZUB_COLLECTOR_STORES(CollectorBadInput);
+
+TEST_P(CollectorBadInput, EveryMalformedBatchGetsAClearErrorAndStoredEventsStay) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector({"--max-plain", "100000"});
     ASSERT_TRUE(collector.start()) << collector.failure();
@@ -153,7 +157,7 @@ TEST(CollectorBadInput, EveryMalformedBatchGetsAClearErrorAndStoredEventsStay) {
     EXPECT_EQ(collector.stop(), 0) << collector.log();
 }
 
-TEST(CollectorBadInput, EmptyBodyIsAnEmptyBatch) {
+TEST_P(CollectorBadInput, EmptyBodyIsAnEmptyBatch) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
@@ -166,7 +170,7 @@ TEST(CollectorBadInput, EmptyBodyIsAnEmptyBatch) {
     EXPECT_EQ(collector.storedEvents().size(), 0u);
 }
 
-TEST(CollectorBadInput, OversizedBodiesAreRefusedWithoutBeingRead) {
+TEST(CollectorBodyLimits, OversizedBodiesAreRefusedWithoutBeingRead) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector({"--max-body", "65536"});
     ASSERT_TRUE(collector.start()) << collector.failure();
@@ -217,7 +221,7 @@ TEST(CollectorBadInput, OversizedBodiesAreRefusedWithoutBeingRead) {
     EXPECT_EQ(collector.stop(), 0) << log;
 }
 
-TEST(CollectorBadInput, MalformedIdentifierRequestsRegisterNothing) {
+TEST_P(CollectorBadInput, MalformedIdentifierRequestsRegisterNothing) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();

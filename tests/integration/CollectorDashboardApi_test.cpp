@@ -49,7 +49,11 @@ bool post(const CollectorProcess& collector, const zub::Value& batch) {
 
 }  // namespace
 
-TEST(CollectorDashboardApi, AnswersFromTheSummariesAndRefusesBadInputInJson) {
+// Run on both stores: an SQLite file and a PostgreSQL database.
+class CollectorDashboardApi : public zubtest::CollectorStoreTest {};
+ZUB_COLLECTOR_STORES(CollectorDashboardApi);
+
+TEST_P(CollectorDashboardApi, AnswersFromTheSummariesAndRefusesBadInputInJson) {
     if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector";
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
@@ -141,7 +145,7 @@ TEST(CollectorDashboardApi, AnswersFromTheSummariesAndRefusesBadInputInJson) {
     EXPECT_EQ(collector.stats()["events"], 8);
 }
 
-TEST(CollectorDashboardApi, BeyondLoopbackOnlyWithTheTokenAndNeverOnTheReportPort) {
+TEST(CollectorDashboardAccess, BeyondLoopbackOnlyWithTheTokenAndNeverOnTheReportPort) {
     if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector";
     CollectorProcess open({"--dashboard", "0.0.0.0:0"});
     EXPECT_FALSE(open.start());

@@ -43,6 +43,11 @@ std::optional<zub::Value> post(const zub::Data& body, const std::string& url, st
 
 }  // namespace
 
+// Run on both stores: an SQLite file and a PostgreSQL database. (Many clients on
+// PostgreSQL, over two collectors: CollectorCluster_test.)
+class CollectorStop : public zubtest::CollectorStoreTest {};
+ZUB_COLLECTOR_STORES(CollectorStop);
+
 TEST(CollectorFaults, RetKnobAnswersWithoutStoringForTheGivenNumberOfReports) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector({"--fault-ret", "7", "--fault-count", "2", "--fault-path", "report"});
@@ -81,7 +86,7 @@ TEST(CollectorFaults, DropKnobCutsTheConnection) {
     EXPECT_NE(collector.log().find("fault=drop"), std::string::npos);
 }
 
-TEST(CollectorFaults, DelayedReportIsStillStoredWhenTheCollectorStops) {
+TEST_P(CollectorStop, DelayedReportIsStillStoredWhenTheCollectorStops) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector({"--fault-delay-ms", "2500"});
     ASSERT_TRUE(collector.start()) << collector.failure();

@@ -38,7 +38,11 @@ std::map<std::string, double> scrape(const CollectorProcess& collector) {
 
 }  // namespace
 
-TEST(CollectorMetrics, CountWhatWasStoredRefusedAndIssued) {
+// Run on both stores: an SQLite file and a PostgreSQL database.
+class CollectorMetrics : public zubtest::CollectorStoreTest {};
+ZUB_COLLECTOR_STORES(CollectorMetrics);
+
+TEST_P(CollectorMetrics, CountWhatWasStoredRefusedAndIssued) {
     if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector";
     CollectorProcess collector({"--max-body", "4000"});
     ASSERT_TRUE(collector.start()) << collector.failure();

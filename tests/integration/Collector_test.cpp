@@ -5,12 +5,15 @@
 #include "Common/ZUBProConfig.h"
 #include "Common/ZUBProHelper.h"
 #include "support/CollectorProcess.h"
+#include "support/PostgresServer.h"
 #include "support/TempHome.h"
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 #include <unistd.h>
 
+#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <optional>
@@ -67,7 +70,17 @@ std::string midOf(const std::optional<zub::Value>& reply) {
 
 }  // namespace
 
-TEST(CollectorReport, StoresShortAndGzipBatchesExactlyAsSent) {
+// Suites that run on both stores: an SQLite file and a PostgreSQL database.
+class CollectorReport : public zubtest::CollectorStoreTest {};
+class CollectorMid : public zubtest::CollectorStoreTest {};
+class CollectorConfig : public zubtest::CollectorStoreTest {};
+class CollectorQuery : public zubtest::CollectorStoreTest {};
+ZUB_COLLECTOR_STORES(CollectorReport);
+ZUB_COLLECTOR_STORES(CollectorMid);
+ZUB_COLLECTOR_STORES(CollectorConfig);
+ZUB_COLLECTOR_STORES(CollectorQuery);
+
+TEST_P(CollectorReport, StoresShortAndGzipBatchesExactlyAsSent) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
@@ -118,7 +131,7 @@ TEST(CollectorReport, StoresShortAndGzipBatchesExactlyAsSent) {
     EXPECT_NE(log.find("events=10 ret=0"), std::string::npos) << log;
 }
 
-TEST(CollectorReport, StoredEventsSurviveAnOrderlyStopAndRestart) {
+TEST_P(CollectorReport, StoredEventsSurviveAnOrderlyStopAndRestart) {
     REQUIRE_COLLECTOR();
     std::filesystem::path db;
     {
@@ -145,7 +158,48 @@ TEST(CollectorReport, StoredEventsSurviveAnOrderlyStopAndRestart) {
     EXPECT_EQ(rows[3]["idx"], 50);
 }
 
-TEST(CollectorMid, SameDeviceKeepsItsMidOtherDevicesGetTheirOwn) {
+TEST_P(CollectorReport, AnEventSentAgainIsStoredAndSummarisedOnce) {
+    REQUIRE_COLLECTOR();
+    CollectorProcess collector;
+    ASSERT_TRUE(collector.start()) << collector.failure();
+    // The library keeps an event's key ("m5") across sendings; its "idx" is new
+    // each time and a resent event carries "rt".
+    zub::Value batch = zub::Value::array();
+    for (int i = 0; i < 3; ++i) {
+        zub::Value e = event("app-A", "mid-1", 1000, 77, 1700000000 + i, 10 + i);
+        e["ei"] = "buy";
+        e["m5"] = "key-" + std::to_string(i);
+        batch.push_back(std::move(e));
+    }
+    zub::Value again = batch;
+    for (auto& e : again) {
+        e["idx"] = e["idx"].get<std::int64_t>() + 100;
+        e["rt"] = 1;
+    }
+    zub::Value fresh = event("app-A", "mid-1", 1000, 77, 1700000005, 20);
+    fresh["m5"] = "key-new";
+    again.push_back(fresh);
+    zub::Value keyless = zub::Value::array({event("app-A", "mid-1", 4, 77, 1700000006, 30)});
+    for (const zub::Value* sent : {&batch, &again, &keyless, &keyless}) {
+        const auto reply = postThroughLibrary(*sent, collector.url("/mstat/report"));
+        ASSERT_TRUE(reply && (*reply)["ret"] == 0) << (reply ? reply->dump() : "no reply");  // acknowledged, not refused
+    }
+
+    // Once each; events without a key are never taken for one another.
+    const zub::Value rows = collector.storedEvents();
+    ASSERT_EQ(rows.size(), 6u) << collector.failure();
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(rows[i]["idx"], 10 + i);  // the first sending is kept
+    EXPECT_EQ(rows[3]["event"], fresh);
+    EXPECT_EQ(collector.stats()["events"], 6);
+    // The dashboard's summaries count them once too.
+    httplib::Client dashboard(collector.dashboardUrl(""));
+    const auto apps = dashboard.Get("/api/v1/apps");
+    ASSERT_TRUE(apps && apps->status == 200);
+    EXPECT_EQ(zub::Value::parse(apps->body)["apps"],
+              zub::Value::parse(R"([{"app": "app-A", "devices": 1, "events": 6}])"));
+}
+
+TEST_P(CollectorMid, SameDeviceKeepsItsMidOtherDevicesGetTheirOwn) {
     REQUIRE_COLLECTOR();
     const std::string ui = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa1";
     const std::string ioa = "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb1";
@@ -181,7 +235,7 @@ TEST(CollectorMid, SameDeviceKeepsItsMidOtherDevicesGetTheirOwn) {
     EXPECT_EQ(midOf(postThroughLibrary(midRequest("IFV-1", ioa, ui, ""), again.url("/?t=ios&ver=2.0"))), mid);
 }
 
-TEST(CollectorMid, PlaceholderIdentifiersNeverJoinDifferentMachines) {
+TEST_P(CollectorMid, PlaceholderIdentifiersNeverJoinDifferentMachines) {
     REQUIRE_COLLECTOR();
     // What every machine sends when it has no "en0" interface (the SHA-1 of no
     // bytes) and when its application opted out of OpenUDID.
@@ -223,7 +277,7 @@ TEST(CollectorMid, PlaceholderIdentifiersNeverJoinDifferentMachines) {
     EXPECT_EQ(collector.stats()["devicesRegistered"], 6);
 }
 
-TEST(CollectorConfig, SendsEachBlockOnlyToClientsNotHoldingIt) {
+TEST_P(CollectorConfig, SendsEachBlockOnlyToClientsNotHoldingIt) {
     REQUIRE_COLLECTOR();
     const auto configPath = zubtest::TempHome::makeDir("cfg") / "online.json";
     std::ofstream(configPath) << R"({"sdk": {"v": 3, "c": {"rs": 1}},
@@ -267,7 +321,7 @@ TEST(CollectorConfig, SendsEachBlockOnlyToClientsNotHoldingIt) {
     EXPECT_NE(collector.log().find("cfg=1,2"), std::string::npos);
 }
 
-TEST(CollectorConfig, MalformedConfigurationFileStopsTheStart) {
+TEST(CollectorConfigFile, MalformedConfigurationFileStopsTheStart) {
     REQUIRE_COLLECTOR();
     const auto dir = zubtest::TempHome::makeDir("badcfg");
     const std::pair<const char*, const char*> cases[] = {
@@ -292,7 +346,7 @@ TEST(CollectorConfig, MalformedConfigurationFileStopsTheStart) {
     EXPECT_NE(missing.failure().find("cannot read configuration file"), std::string::npos);
 }
 
-TEST(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
+TEST_P(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
@@ -363,7 +417,7 @@ TEST(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
     EXPECT_NE(missing.err.find("cannot open database"), std::string::npos) << missing.err;
 }
 
-TEST(CollectorQuery, EventTimesLeaveOutEventsWithoutATime) {
+TEST_P(CollectorQuery, EventTimesLeaveOutEventsWithoutATime) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
@@ -395,7 +449,7 @@ TEST(CollectorQuery, EventTimesLeaveOutEventsWithoutATime) {
     EXPECT_EQ(appB.out.find("event time"), std::string::npos) << appB.out;
 }
 
-TEST(CollectorQuery, CustomEventsEndedByATimerCountByTheirIdentifier) {
+TEST_P(CollectorQuery, CustomEventsEndedByATimerCountByTheirIdentifier) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
@@ -478,17 +532,18 @@ TEST(CollectorSchema, MigratesAnOlderDatabaseAndRefusesANewerOne) {
         ASSERT_TRUE(reply && (*reply)["ret"] == 0);
         ASSERT_EQ(collector.stop(), 0);
     }
-    EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "3\n");
+    EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "4\n");
     // Take the database back to version 1, as an older collector left it.
     ASSERT_TRUE(sqlite(db, "DROP TABLE config_state; DROP INDEX events_ts; DROP INDEX events_mid; "
                            "DROP TABLE activity_hours; DROP TABLE sessions; DROP TABLE app_devices; "
                            "DROP TABLE named_hours; DROP TABLE referrer_hours; DROP TABLE argument_hours; "
                            "DROP TABLE referrer_days; DROP TABLE argument_days; "
-                           "DROP TABLE audience_hours; UPDATE schema_version SET version = 1"));
+                           "DROP TABLE audience_hours; DROP INDEX events_key; ALTER TABLE events DROP COLUMN event_key; "
+                           "UPDATE schema_version SET version = 1"));
     {
         CollectorProcess collector({"--config", configPath.string()}, db);
         ASSERT_TRUE(collector.start()) << collector.failure();
-        EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "3\n");
+        EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "4\n");
         EXPECT_EQ(collector.storedEvents().size(), 1u);
         // The event stored before the dashboard's summaries existed is in them.
         EXPECT_EQ(sqlite(db, "SELECT SUM(events) || ' ' || COUNT(*) FROM activity_hours"), "1 1\n");
@@ -504,7 +559,7 @@ TEST(CollectorSchema, MigratesAnOlderDatabaseAndRefusesANewerOne) {
     ASSERT_TRUE(sqlite(db, "UPDATE schema_version SET version = 99"));
     CollectorProcess newer({}, db);
     EXPECT_FALSE(newer.start());
-    EXPECT_NE(newer.failure().find("database schema version 99 is newer than this collector's (3)"), std::string::npos)
+    EXPECT_NE(newer.failure().find("database schema version 99 is newer than this collector's (4)"), std::string::npos)
         << newer.failure();
     const auto listed = CollectorProcess::run({"events", "--db", db.string(), "--json"});
     EXPECT_EQ(listed.exitCode, 1);
@@ -512,7 +567,50 @@ TEST(CollectorSchema, MigratesAnOlderDatabaseAndRefusesANewerOne) {
     EXPECT_EQ(sqlite(db, "SELECT COUNT(*) FROM events"), "2\n");
 }
 
-TEST(CollectorQuery, ReadOnlyDatabaseIsReadWithoutAnyWrite) {
+class CollectorRetention : public zubtest::CollectorStoreTest {};
+ZUB_COLLECTOR_STORES(CollectorRetention);
+
+TEST_P(CollectorRetention, EventsReceivedBeforeTheKeptDaysAreDropped) {
+    REQUIRE_COLLECTOR();
+    if (!postgres() && !sqlite(":memory:", "SELECT 1")) GTEST_SKIP() << "no sqlite3 shell";
+    std::filesystem::path db;
+    {
+        CollectorProcess collector;
+        ASSERT_TRUE(collector.start()) << collector.failure();
+        db = collector.db();
+        zub::Value batch = zub::Value::array();
+        for (int i = 0; i < 4; ++i) batch.push_back(event("app-A", "mid-1", 4, 1, 1700000000 + i, i));
+        const auto reply = postThroughLibrary(batch, collector.url("/mstat/report"));
+        ASSERT_TRUE(reply && (*reply)["ret"] == 0);
+        ASSERT_EQ(collector.stop(), 0);
+    }
+    // Two of the events as if received ten days ago (on PostgreSQL, in that day's partition).
+    const std::int64_t oldDay = std::time(nullptr) / 86400 - 10;
+    const std::string age = "UPDATE events SET received = received - 864000 WHERE idx < 2";
+    std::string error;
+    if (postgres()) {
+        ASSERT_TRUE(zubtest::PostgresServer::query(db.string(), "SELECT zub_ensure_event_partition(" +
+                                                                    std::to_string(oldDay) + "); " + age, error))
+            << error;
+        EXPECT_EQ(zubtest::PostgresServer::query(db.string(), "SELECT COUNT(*) FROM events_d" + std::to_string(oldDay),
+                                                 error),
+                  "2\n");
+    } else {
+        ASSERT_TRUE(sqlite(db, age));
+    }
+    CollectorProcess kept({"--retention-days", "3"}, db);
+    ASSERT_TRUE(kept.start()) << kept.failure();
+    const zub::Value rows = kept.storedEvents();
+    ASSERT_EQ(rows.size(), 2u) << kept.failure();
+    EXPECT_EQ(rows[0]["idx"], 2);
+    if (postgres()) {  // the whole day went
+        EXPECT_EQ(zubtest::PostgresServer::query(
+                      db.string(), "SELECT to_regclass('events_d" + std::to_string(oldDay) + "') IS NULL", error),
+                  "t\n");
+    }
+}
+
+TEST(CollectorDatabaseFile, ReadOnlyDatabaseIsReadWithoutAnyWrite) {
     REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();

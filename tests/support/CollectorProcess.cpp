@@ -1,5 +1,6 @@
 #include "support/CollectorProcess.h"
 
+#include "support/PostgresServer.h"
 #include "support/TempHome.h"
 
 #include "Common/ZUBProHelper.h"
@@ -16,6 +17,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
@@ -25,6 +27,7 @@ namespace zubtest {
 namespace {
 
 std::atomic<int> instanceCounter{0};
+std::atomic<CollectorProcess::Store> currentStore{CollectorProcess::Store::Sqlite};
 
 // Reads what is available on `fd` into `into` until `until` holds or the time is up.
 // Returns false on timeout; `eof` tells whether the writer closed its end.
@@ -92,6 +95,8 @@ bool CollectorProcess::available() {
 }
 
 std::string CollectorProcess::binaryPath() {
+    // Another build of the collector, to time it against the same load.
+    if (const char* other = std::getenv("ZUB_COLLECTOR_BINARY"); other && *other) return other;
 #ifdef ZUB_COLLECTOR_PATH
     return ZUB_COLLECTOR_PATH;
 #else
@@ -159,17 +164,36 @@ CommandResult CollectorProcess::run(const std::vector<std::string>& args) {
     return result;
 }
 
+void CollectorProcess::useStore(Store store) { currentStore = store; }
+
+CollectorProcess::Store CollectorProcess::store() { return currentStore; }
+
+std::string storeName(const testing::TestParamInfo<CollectorProcess::Store>& info) {
+    return info.param == CollectorProcess::Store::Postgres ? "Postgres" : "Sqlite";
+}
+
+void PrintTo(CollectorProcess::Store store, std::ostream* out) {
+    *out << (store == CollectorProcess::Store::Postgres ? "Postgres" : "Sqlite");
+}
+
 CollectorProcess::CollectorProcess(std::vector<std::string> extraArgs, std::filesystem::path db)
     : extraArgs_(std::move(extraArgs)), db_(std::move(db)) {
     const std::filesystem::path dir =
         TempHome::makeDir("collector-" + std::to_string(::getpid()) + "-" + std::to_string(instanceCounter++));
-    if (db_.empty()) db_ = dir / "collector.db";
+    if (db_.empty()) {
+        if (store() == Store::Postgres) {
+            db_ = PostgresServer::newDatabase(failure_);
+        } else {
+            db_ = dir / "collector.db";
+        }
+    }
     logPath_ = dir / "collector.log";
 }
 
 CollectorProcess::~CollectorProcess() { stop(); }
 
 bool CollectorProcess::start() {
+    if (db_.empty()) return false;  // no database could be made: failure() says why
     failure_.clear();
     output_.clear();
     if (!available()) {
@@ -235,6 +259,18 @@ int CollectorProcess::stop() {
     pid_ = -1;
     port_ = -1;
     return waited > 0 ? exitCodeOf(status) : -1;
+}
+
+void CollectorProcess::kill() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    int status = 0;
+    while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (stdoutFd_ >= 0) ::close(stdoutFd_);
+    stdoutFd_ = -1;
+    pid_ = -1;
+    port_ = -1;
 }
 
 std::string CollectorProcess::url(const std::string& pathAndQuery) const {

@@ -8,10 +8,17 @@
 //   EXPECT_EQ(collector.stop(), 0);
 //   auto rows = collector.storedEvents();   // `events --json` on its database
 //
+// The store is an SQLite file by default; CollectorProcess::useStore(Store::Postgres)
+// makes the collectors started afterwards in this process use a fresh database
+// on a real PostgreSQL server (PostgresServer.h) instead: the same tests then run
+// on both stores (CollectorStoreTest below).
+//
 // Available only when the build has the collector (ZUB_COLLECTOR_PATH).
 #pragma once
 
 #include <ZUBCocoa/ZUBValue.h>
+
+#include <gtest/gtest.h>
 
 #include <sys/types.h>
 
@@ -43,14 +50,22 @@ CollectorReply postRaw(int port, const std::string& pathAndQuery, const zub::Dat
 
 class CollectorProcess {
 public:
+    enum class Store { Sqlite, Postgres };
+    /// The store of the collectors made from now on in this process, when they are
+    /// given no database.
+    static void useStore(Store store);
+    static Store store();
+
     /// True when this build knows where the collector binary is.
     static bool available();
+    /// This build's collector, or the one ZUB_COLLECTOR_BINARY names (to time
+    /// another build against the same load).
     static std::string binaryPath();
     /// Runs the binary with `args` to completion, capturing stdout and stderr.
     static CommandResult run(const std::vector<std::string>& args);
 
     /// `extraArgs` are added to "--port 0 --db <db>"; the database defaults to a
-    /// fresh directory under HOME.
+    /// fresh one of the current store (a file in a fresh directory under HOME).
     explicit CollectorProcess(std::vector<std::string> extraArgs = {}, std::filesystem::path db = {});
     ~CollectorProcess();
     CollectorProcess(const CollectorProcess&) = delete;
@@ -62,6 +77,8 @@ public:
     /// SIGTERM, then waits for the exit; returns the exit code (-1 if it died by a
     /// signal or was not running). Idempotent.
     int stop();
+    /// SIGKILL: the collector ends at once, answering nothing more. Reaps it.
+    void kill();
     bool running() const { return pid_ > 0; }
 
     int port() const { return port_; }
@@ -69,6 +86,7 @@ public:
     /// The dashboard's address from the "listening" line with `pathAndQuery`
     /// ("/api/v1/apps"); empty when the collector serves no dashboard.
     std::string dashboardUrl(const std::string& pathAndQuery = "/") const;
+    /// The database: a file path, or a PostgreSQL URL (as a path; .string() gives it back).
     const std::filesystem::path& db() const { return db_; }
     /// Everything the collector wrote to stderr so far.
     std::string log() const;
@@ -92,5 +110,24 @@ private:
     std::string output_;
     std::string failure_;
 };
+
+/// A test of the collector that runs once per store: TEST_P(Suite, Name) with
+/// `class Suite : public zubtest::CollectorStoreTest {};` and
+/// ZUB_COLLECTOR_STORES(Suite) to instantiate it for SQLite and PostgreSQL.
+class CollectorStoreTest : public testing::TestWithParam<CollectorProcess::Store> {
+protected:
+    void SetUp() override { CollectorProcess::useStore(GetParam()); }
+    void TearDown() override { CollectorProcess::useStore(CollectorProcess::Store::Sqlite); }
+    bool postgres() const { return GetParam() == CollectorProcess::Store::Postgres; }
+};
+
+std::string storeName(const testing::TestParamInfo<CollectorProcess::Store>& info);
+void PrintTo(CollectorProcess::Store store, std::ostream* out);
+
+#define ZUB_COLLECTOR_STORES(Suite)                                                                       \
+    INSTANTIATE_TEST_SUITE_P(Stores, Suite,                                                               \
+                             testing::Values(zubtest::CollectorProcess::Store::Sqlite,                    \
+                                             zubtest::CollectorProcess::Store::Postgres),                 \
+                             zubtest::storeName)
 
 }  // namespace zubtest

@@ -133,7 +133,8 @@ zub::Value eventRow(const Statement& s, int idColumn) {
 
 bool DashboardQueries::apps(zub::Value& out, std::string& error) {
     Statement s = db_.prepare(
-        "SELECT app_key, COUNT(*), SUM(events) FROM app_devices GROUP BY app_key ORDER BY SUM(events) DESC, app_key",
+        "SELECT app_key, COUNT(*), SUM(events) FROM app_devices GROUP BY app_key "
+        "ORDER BY SUM(events) DESC, app_key NULLS FIRST",
         error);
     if (!s.ok()) return false;
     zub::Value list = zub::Value::array();
@@ -220,7 +221,7 @@ bool DashboardQueries::overview(const DashboardRange& range, zub::Value& out, st
     // is its first event in any of them.
     Statement fresh = db_.prepare(
         range.app ? "SELECT first_ts FROM app_devices WHERE first_ts >= ?1 AND first_ts < ?2 AND app_key = ?3"
-                  : "SELECT MIN(first_ts) AS first FROM app_devices GROUP BY mid HAVING first >= ?1 AND first < ?2",
+                  : "SELECT MIN(first_ts) FROM app_devices GROUP BY mid HAVING MIN(first_ts) >= ?1 AND MIN(first_ts) < ?2",
         error);
     if (!fresh.ok()) return false;
     fresh.bind(1, from);
@@ -309,7 +310,7 @@ bool DashboardQueries::pages(const DashboardRange& range, std::size_t limit, zub
         "  SELECT page, referrer, count FROM referrer_hours WHERE ((hour >= ?1 AND hour < ?4) OR (hour >= ?5 AND hour < ?2))"
         "  AND (?3 IS NULL OR app_key = ?3)"
         "  UNION ALL SELECT page, referrer, count FROM referrer_days WHERE day >= ?6 AND day < ?7"
-        "  AND (?3 IS NULL OR app_key = ?3)) GROUP BY page, referrer",
+        "  AND (?3 IS NULL OR app_key = ?3)) AS r GROUP BY page, referrer",
         range, error);
     if (!referrers.ok()) return false;
     while (referrers.step()) {
@@ -384,7 +385,7 @@ bool DashboardQueries::customEvents(const DashboardRange& range, std::size_t lim
         "  SELECT event, key, value, count FROM argument_hours WHERE ((hour >= ?1 AND hour < ?4) OR (hour >= ?5 AND hour < ?2))"
         "  AND (?3 IS NULL OR app_key = ?3)"
         "  UNION ALL SELECT event, key, value, count FROM argument_days WHERE day >= ?6 AND day < ?7"
-        "  AND (?3 IS NULL OR app_key = ?3)) GROUP BY event, key, value",
+        "  AND (?3 IS NULL OR app_key = ?3)) AS a GROUP BY event, key, value",
         range, error);
     if (!args.ok()) return false;
     while (args.step()) {
@@ -468,8 +469,9 @@ bool DashboardQueries::devices(const DashboardRange& range, const std::optional<
                                std::size_t limit, std::size_t offset, zub::Value& out, std::string& error) {
     // Seen in the range: the span from a device's first to its last event meets it.
     const std::string where =
-        " FROM app_devices WHERE last_ts >= ?1 AND first_ts < ?2 AND (?3 IS NULL OR app_key = ?3) "
-        "AND (?4 IS NULL OR instr(mid, ?4) > 0)";
+        std::string(" FROM app_devices WHERE last_ts >= ?1 AND first_ts < ?2 AND (?3 IS NULL OR app_key = ?3) ") +
+        (db_.dialect() == Dialect::Postgres ? "AND (?4 IS NULL OR strpos(mid, ?4) > 0)"
+                                            : "AND (?4 IS NULL OR instr(mid, ?4) > 0)");
     auto prepare = [&](const std::string& sql) {
         Statement s = db_.prepare(sql, error);
         if (!s.ok()) return s;
@@ -485,7 +487,7 @@ bool DashboardQueries::devices(const DashboardRange& range, const std::optional<
     if (!finished(db_, count, error)) return false;
 
     Statement s = prepare("SELECT app_key, mid, first_ts, last_ts, sessions, events, app_version" + where +
-                          " ORDER BY last_ts DESC, mid LIMIT ?5 OFFSET ?6");
+                          " ORDER BY last_ts DESC NULLS LAST, mid LIMIT ?5 OFFSET ?6");
     if (!s.ok()) return false;
     s.bind(5, static_cast<std::int64_t>(limit));
     s.bind(6, static_cast<std::int64_t>(offset));
@@ -512,7 +514,7 @@ bool DashboardQueries::deviceTimeline(const std::optional<std::string>& app, con
                                       std::size_t limit, zub::Value& out, std::string& error) {
     Statement summary = db_.prepare(
         "SELECT app_key, first_ts, last_ts, sessions, events, app_version FROM app_devices "
-        "WHERE mid = ?1 AND (?2 IS NULL OR app_key = ?2) ORDER BY last_ts DESC",
+        "WHERE mid = ?1 AND (?2 IS NULL OR app_key = ?2) ORDER BY last_ts DESC NULLS LAST",
         error);
     if (!summary.ok()) return false;
     summary.bind(1, mid);

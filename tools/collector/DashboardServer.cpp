@@ -152,7 +152,7 @@ DashboardServer::DashboardServer(const DashboardOptions& options, std::string db
     });
     server_.Get("/metrics", [this](const httplib::Request&, httplib::Response& res) {
         res.set_header("Cache-Control", "no-store");
-        res.set_content(metrics_.render(), "text/plain; version=0.0.4; charset=utf-8");
+        res.set_content(metrics_.render(databaseSize()), "text/plain; version=0.0.4; charset=utf-8");
     });
     server_.Get("/api/v1/(.*)", [this](const httplib::Request& req, httplib::Response& res) { serveApi(req, res); });
     // Anything else, API-looking or not, is answered in JSON.
@@ -232,6 +232,19 @@ void DashboardServer::serveApi(const httplib::Request& req, httplib::Response& r
     }
 }
 
+std::optional<std::uint64_t> DashboardServer::databaseSize() {
+    if (!Database::isPostgresUrl(dbPath_)) return std::nullopt;  // Metrics reads the file's size itself
+    std::string error;
+    std::unique_ptr<Database> db = takeConnection(error);
+    if (!db) return std::nullopt;
+    std::optional<std::uint64_t> size;
+    Statement query = db->prepare("SELECT pg_database_size(current_database())", error);
+    if (query.ok() && query.step()) size = static_cast<std::uint64_t>(query.integer(0));
+    query = Statement();
+    returnConnection(std::move(db));
+    return size;
+}
+
 std::unique_ptr<Database> DashboardServer::takeConnection(std::string& error) {
     {
         std::lock_guard lock(poolMutex_);
@@ -245,6 +258,7 @@ std::unique_ptr<Database> DashboardServer::takeConnection(std::string& error) {
 }
 
 void DashboardServer::returnConnection(std::unique_ptr<Database> db) {
+    if (!db->healthy()) return;  // a broken connection is not kept
     std::lock_guard lock(poolMutex_);
     if (idle_.size() < kMaxIdleConnections) idle_.push_back(std::move(db));
 }

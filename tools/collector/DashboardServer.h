@@ -27,6 +27,7 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,8 @@ private:
     /// A read-only connection for this request (opened on first need, kept for reuse).
     std::unique_ptr<Database> takeConnection(std::string& error);
     void returnConnection(std::unique_ptr<Database> db);
+    /// A PostgreSQL database's size, asked of its server; none for a file.
+    std::optional<std::uint64_t> databaseSize();
 
     const DashboardOptions& options_;
     std::string dbPath_;

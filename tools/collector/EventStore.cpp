@@ -7,6 +7,7 @@
 #include <cctype>
 #include <chrono>
 #include <cstdio>
+#include <map>
 #include <random>
 #include <set>
 #include <utility>
@@ -15,6 +16,11 @@ namespace zubcollector {
 namespace {
 
 constexpr std::size_t kMaxJobsPerCommit = 512;
+// A group that met another writer's locks in a deadlock is run again this often.
+constexpr int kAttempts = 5;
+// Rows per multi-row INSERT on PostgreSQL (one round trip each).
+constexpr std::size_t kRowsPerInsert = 64;
+constexpr std::int64_t kDay = 86400;
 
 std::int64_t nowSeconds() {
     return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
@@ -61,25 +67,30 @@ std::optional<std::string> matchingKey(const std::optional<std::string>& value) 
 }  // namespace
 
 struct EventStore::Statements {
-    Statement insertEvent;
-    Statement touchDevice;      // insert a device seen in events, or move its last_seen
+    Statement insertEvent;      // SQLite: one event, unless its identity is stored
+    Statement touchDevice;      // SQLite: insert a device seen in events, or move its last_seen
+    std::map<std::size_t, Statement> insertEvents;  // PostgreSQL: N events, answering those new
+    std::map<std::size_t, Statement> touchDevices;  // PostgreSQL: N devices seen in events
     Statement findByMid;
     Statement findByUi;
     Statement findByIoa;
     Statement findByIfv;
     Statement updateDevice;
-    Statement insertDevice;
+    Statement insertDevice;     // nothing when the mid is taken
     Statement readConfigState;
     Statement writeConfigState;  // sets the versions that are given, keeps the others
+    Statement lockIdentifier;    // PostgreSQL: a lock on one identifier, to the commit
     std::unique_ptr<RollupWriter> rollups;  // the dashboard's summaries
 };
 
-std::unique_ptr<EventStore> EventStore::open(const std::string& path, std::string& error) {
+std::unique_ptr<EventStore> EventStore::open(const std::string& location, std::string& error, StoreSettings settings) {
     std::unique_ptr<EventStore> store(new EventStore());
-    store->db_ = Database::open(path, Database::Mode::ReadWrite, error);
+    store->settings_ = settings;
+    store->db_ = Database::open(location, Database::Mode::ReadWrite, error);
     if (!store->db_) return nullptr;
     if (!migrateSchema(*store->db_, error)) return nullptr;
     if (!store->prepare(error)) return nullptr;
+    store->maintain(nowSeconds());
     store->writer_ = std::thread([s = store.get()] { s->writerLoop(); });
     return store;
 }
@@ -88,37 +99,45 @@ bool EventStore::prepare(std::string& error) {
     statements_ = std::make_unique<Statements>();
     Statements& s = *statements_;
     Database& db = *db_;
-    s.insertEvent = db.prepare(
-        "INSERT INTO events (app_key, mid, et, si, ts, idx, body, received) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)",
-        error);
-    s.touchDevice = db.prepare(
-        "INSERT INTO devices (mid, ifv, ioa, ui, first_seen, last_seen) VALUES (?1, ?2, ?3, ?4, ?5, ?5) "
-        "ON CONFLICT (mid) DO UPDATE SET last_seen = MAX(last_seen, excluded.last_seen)",
-        error);
+    const bool postgres = db.dialect() == Dialect::Postgres;
+    if (!postgres) {
+        s.insertEvent = db.prepare(
+            "INSERT INTO events (app_key, mid, et, si, ts, idx, body, received, event_key) "
+            "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9) ON CONFLICT DO NOTHING",
+            error);
+        s.touchDevice = db.prepare(
+            "INSERT INTO devices (mid, ifv, ioa, ui, first_seen, last_seen) VALUES (?1, ?2, ?3, ?4, ?5, ?5) "
+            "ON CONFLICT (mid) DO UPDATE SET last_seen = MAX(last_seen, excluded.last_seen)",
+            error);
+    }
     s.findByMid = db.prepare("SELECT mid FROM devices WHERE mid = ?1", error);
     s.findByUi = db.prepare("SELECT mid FROM devices WHERE ui = ?1 ORDER BY last_seen DESC LIMIT 1", error);
     s.findByIoa = db.prepare("SELECT mid FROM devices WHERE ioa = ?1 ORDER BY last_seen DESC LIMIT 1", error);
     s.findByIfv = db.prepare("SELECT mid FROM devices WHERE ifv = ?1 ORDER BY last_seen DESC LIMIT 1", error);
     s.updateDevice = db.prepare(
-        "UPDATE devices SET ifv = COALESCE(?2, ifv), ioa = COALESCE(?3, ioa), ui = COALESCE(?4, ui), "
-        "last_seen = MAX(last_seen, ?5) WHERE mid = ?1",
+        postgres ? "UPDATE devices SET ifv = COALESCE(?2, ifv), ioa = COALESCE(?3, ioa), ui = COALESCE(?4, ui), "
+                   "last_seen = GREATEST(last_seen, ?5) WHERE mid = ?1"
+                 : "UPDATE devices SET ifv = COALESCE(?2, ifv), ioa = COALESCE(?3, ioa), ui = COALESCE(?4, ui), "
+                   "last_seen = MAX(last_seen, ?5) WHERE mid = ?1",
         error);
     s.insertDevice = db.prepare(
-        "INSERT INTO devices (mid, ifv, ioa, ui, first_seen, last_seen) VALUES (?1, ?2, ?3, ?4, ?5, ?5)", error);
+        "INSERT INTO devices (mid, ifv, ioa, ui, first_seen, last_seen) VALUES (?1, ?2, ?3, ?4, ?5, ?5) "
+        "ON CONFLICT (mid) DO NOTHING",
+        error);
     s.readConfigState =
         db.prepare("SELECT sdk_version, app_version FROM config_state WHERE app_key = ?1 AND mid = ?2", error);
     s.writeConfigState = db.prepare(
-        "INSERT INTO config_state (app_key, mid, sdk_version, app_version, updated) VALUES (?1, ?2, ?3, ?4, ?5) "
+        "INSERT INTO config_state AS c (app_key, mid, sdk_version, app_version, updated) VALUES (?1, ?2, ?3, ?4, ?5) "
         "ON CONFLICT (app_key, mid) DO UPDATE SET "
-        "sdk_version = COALESCE(excluded.sdk_version, sdk_version), "
-        "app_version = COALESCE(excluded.app_version, app_version), updated = excluded.updated",
+        "sdk_version = COALESCE(excluded.sdk_version, c.sdk_version), "
+        "app_version = COALESCE(excluded.app_version, c.app_version), updated = excluded.updated",
         error);
+    if (postgres) s.lockIdentifier = db.prepare("SELECT pg_advisory_xact_lock(hashtextextended(?1, 0))", error);
     s.rollups = RollupWriter::create(db, error);
     if (!s.rollups) return false;
-    for (const Statement* statement :
-         {&s.insertEvent, &s.touchDevice, &s.findByMid, &s.findByUi, &s.findByIoa, &s.findByIfv, &s.updateDevice,
-          &s.insertDevice, &s.readConfigState, &s.writeConfigState}) {
-        if (!statement->ok()) {
+    for (const Statement* statement : {&s.findByMid, &s.findByUi, &s.findByIoa, &s.findByIfv, &s.updateDevice,
+                                       &s.insertDevice, &s.readConfigState, &s.writeConfigState}) {
+        if (!statement->ok() || (!postgres && (!s.insertEvent.ok() || !s.touchDevice.ok()))) {
             error = "cannot prepare statements: " + error;
             return false;
         }
@@ -138,21 +157,23 @@ void EventStore::close() {
     if (writer_.joinable()) writer_.join();
     if (db_) {
         statements_.reset();
-        // Leave one self-contained file in rollback-journal mode: the query commands
-        // and copies then read it without making any file beside it. A reader that
-        // holds it open keeps it in WAL mode; then the log is at least emptied.
-        std::string ignored;
-        Statement toRollbackJournal = db_->prepare("PRAGMA journal_mode=DELETE", ignored);
-        const bool switched = toRollbackJournal.ok() && toRollbackJournal.step() && toRollbackJournal.text(0) == "delete";
-        toRollbackJournal = Statement();
-        if (!switched) db_->exec("PRAGMA wal_checkpoint(TRUNCATE)", ignored);
+        if (db_->dialect() == Dialect::Sqlite) {
+            // Leave one self-contained file in rollback-journal mode: the query
+            // commands and copies then read it without making any file beside it. A
+            // reader that holds it open keeps it in WAL mode; then the log is at
+            // least emptied.
+            std::string ignored;
+            Statement toRollbackJournal = db_->prepare("PRAGMA journal_mode=DELETE", ignored);
+            const bool switched =
+                toRollbackJournal.ok() && toRollbackJournal.step() && toRollbackJournal.text(0) == "delete";
+            toRollbackJournal = Statement();
+            if (!switched) db_->exec("PRAGMA wal_checkpoint(TRUNCATE)", ignored);
+        }
         db_.reset();
     }
 }
 
-bool EventStore::submit(std::function<bool(std::string&)> work, std::string& error) {
-    Job job;
-    job.work = std::move(work);
+bool EventStore::submit(Job& job, std::string& error) {
     std::unique_lock lock(mutex_);
     if (closing_) {
         error = "the collector is shutting down";
@@ -177,6 +198,7 @@ void EventStore::writerLoop() {
                 pending_.pop_front();
             }
         }
+        maintain(nowSeconds());
         runJobs(jobs);
         {
             std::lock_guard lock(mutex_);
@@ -187,67 +209,294 @@ void EventStore::writerLoop() {
     }
 }
 
-void EventStore::runJobs(std::vector<Job*>& jobs) {
+void EventStore::maintain(std::int64_t now) {
+    const std::int64_t today = now / kDay;
+    if (today == maintainedDay_) return;
     Database& db = *db_;
     std::string error;
-    if (!db.exec("BEGIN IMMEDIATE", error)) {
-        for (Job* job : jobs) job->error = "storage: " + error;
+    bool ok = true;
+    if (db.dialect() == Dialect::Postgres) {
+        // Today's partition and tomorrow's, made ahead so that midnight finds it.
+        Statement ensure = db.prepare("SELECT zub_ensure_event_partition(?1)", error);
+        for (std::int64_t day = today; ok && day <= today + 1; ++day) {
+            ensure.bind(1, day);
+            ok = ensure.run();
+        }
+        if (ok && settings_.retentionDays) {
+            Statement drop = db.prepare("SELECT zub_drop_event_partitions(?1)", error);
+            Statement forget = db.prepare("DELETE FROM event_keys WHERE day < ?1", error);
+            drop.bind(1, today - *settings_.retentionDays);
+            forget.bind(1, today - *settings_.retentionDays);
+            ok = drop.run() && forget.run();
+        }
+    } else if (settings_.retentionDays) {
+        Statement drop = db.prepare("DELETE FROM events WHERE received < ?1", error);
+        ok = drop.ok();
+        if (ok) {
+            drop.bind(1, (today - *settings_.retentionDays) * kDay);
+            ok = drop.run();
+        }
+    }
+    if (!ok) {
+        // Tried again with the next group; events still have the default partition.
+        std::fprintf(stderr, "zub-collector: storage upkeep failed: %s\n", db.lastError().c_str());
         return;
     }
-    for (Job* job : jobs) {
+    maintainedDay_ = today;
+}
+
+void EventStore::runJobs(std::vector<Job*>& jobs) {
+    const std::int64_t now = nowSeconds();
+    std::vector<Job*> active = jobs;
+    std::string error;
+    for (int attempt = 1; !active.empty();) {
+        for (Job* job : active) {
+            job->ok = false;
+            job->error.clear();
+        }
+        error.clear();
+        if (!db_->reconnect()) {  // the server went away: the clients will send again
+            error = "the database cannot be reached: " + db_->lastError();
+            break;
+        }
+        bool transient = false;
+        Job* culprit = nullptr;
+        if (tryJobs(active, now, transient, culprit, error)) return;
         std::string ignored;
-        if (!db.exec("SAVEPOINT job", job->error)) {
-            job->error = "storage: " + job->error;
+        db_->exec("ROLLBACK", ignored);
+        statements_->rollups->discard();
+        if (culprit) {
+            // That request is answered with its failure; the others run again without it.
+            active.erase(std::find(active.begin(), active.end(), culprit));
             continue;
         }
-        job->ok = job->work(job->error);
-        if (!job->ok) db.exec("ROLLBACK TO job", ignored);
-        db.exec("RELEASE job", ignored);
+        if (!transient || ++attempt > kAttempts) break;
     }
-    if (!db.exec("COMMIT", error)) {
+    for (Job* job : active) {
+        job->ok = false;
+        job->error = "storage: " + error;
+    }
+}
+
+bool EventStore::tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transient, Job*& culprit,
+                         std::string& error) {
+    Database& db = *db_;
+    // SQLite's savepoints cost nothing; on PostgreSQL each is a round trip, so a
+    // group runs without them and, when one request fails, again without that one.
+    const bool savepoints = db.dialect() == Dialect::Sqlite;
+    keysThisGroup_.clear();
+    devicesThisGroup_.clear();
+    auto failed = [&](const std::string& what) {
+        error = what + db.lastError();
+        transient = db.lastFailureIsTransient();
+        return false;
+    };
+    if (!db.exec(savepoints ? "BEGIN IMMEDIATE" : "BEGIN", error)) return failed("");
+    if (!lockIdentifiers(jobs, error)) return failed("cannot lock device identifiers: ");
+    for (Job* job : jobs) {
         std::string ignored;
-        db.exec("ROLLBACK", ignored);
-        for (Job* job : jobs) {
-            job->ok = false;
-            job->error = "storage: commit failed: " + error;
+        if (savepoints && !db.exec("SAVEPOINT job", job->error)) return failed("");
+        job->ok = job->events ? storeBatchNow(*job, now, job->error)
+                              : registerDeviceNow(*job->request, now, *job->registration, job->error);
+        if (!job->ok) {
+            if (db.lastFailureIsTransient()) return failed("");
+            if (!savepoints) {
+                culprit = job;
+                return false;
+            }
+            db.exec("ROLLBACK TO SAVEPOINT job", ignored);
+        } else if (job->events) {
+            for (std::size_t i = 0; i < job->events->size(); ++i) {
+                if (job->fresh[i]) statements_->rollups->collect((*job->events)[i], now);
+            }
+        }
+        if (savepoints) db.exec("RELEASE SAVEPOINT job", ignored);
+    }
+    if (!touchDevices(now, error)) return failed("cannot record devices: ");
+    if (!statements_->rollups->flush(error)) {
+        transient = db.lastFailureIsTransient();
+        return false;
+    }
+    if (!db.exec("COMMIT", error)) return failed("commit failed: ");
+    return true;
+}
+
+bool EventStore::touchDevices(std::int64_t now, std::string& error) {
+    // PostgreSQL: the devices the group's events came from, in one statement per
+    // 64, in the order of their mids (SQLite records them with each request).
+    std::vector<const std::pair<const std::string, DeviceSeen>*> devices;
+    for (const auto& device : devicesThisGroup_) devices.push_back(&device);
+    for (std::size_t start = 0; start < devices.size(); start += kRowsPerInsert) {
+        const std::size_t rows = std::min(kRowsPerInsert, devices.size() - start);
+        Statement& touch = statements_->touchDevices[rows];
+        if (!touch.ok()) {
+            std::string sql = "INSERT INTO devices AS d (mid, ifv, ioa, ui, first_seen, last_seen) VALUES ";
+            for (std::size_t r = 0; r < rows; ++r) {
+                sql += (r ? ", (?" : "(?") + std::to_string(4 * r + 1) + ", ?" + std::to_string(4 * r + 2) + ", ?" +
+                       std::to_string(4 * r + 3) + ", ?" + std::to_string(4 * r + 4) + ", ?" +
+                       std::to_string(4 * rows + 1) + ", ?" + std::to_string(4 * rows + 1) + ")";
+            }
+            touch = db_->prepare(sql + " ON CONFLICT (mid) DO UPDATE SET last_seen = GREATEST(d.last_seen, excluded.last_seen)",
+                                 error);
+        }
+        for (std::size_t r = 0; r < rows; ++r) {
+            const auto& [mid, seen] = *devices[start + r];
+            const int base = static_cast<int>(4 * r);
+            touch.bind(base + 1, mid);
+            touch.bind(base + 2, seen.ifv);
+            touch.bind(base + 3, seen.ioa);
+            touch.bind(base + 4, seen.ui);
+        }
+        touch.bind(static_cast<int>(4 * rows + 1), now);
+        if (!touch.run()) return false;
+    }
+    return true;
+}
+
+bool EventStore::lockIdentifiers(const std::vector<Job*>& jobs, std::string& error) {
+    if (db_->dialect() != Dialect::Postgres) return true;  // SQLite: one writer holds the whole file
+    // Two collectors registering one device at once must give it one mid: a
+    // registration holds a lock on each of its identifiers until its commit, so
+    // the second one finds the device the first made. Locks are taken in one
+    // order, before any row lock of the group, so that groups never wait in a circle.
+    std::set<std::string> identifiers;
+    for (const Job* job : jobs) {
+        if (!job->request) continue;
+        const MidRequest& r = *job->request;
+        if (!r.mid.empty()) identifiers.insert("mid:" + r.mid);
+        if (const auto ui = matchingKey(r.ui)) identifiers.insert("ui:" + *ui);
+        if (const auto ioa = matchingKey(r.ioa)) identifiers.insert("ioa:" + *ioa);
+        if (const auto ifv = matchingKey(r.ifv)) identifiers.insert("ifv:" + *ifv);
+    }
+    for (const std::string& identifier : identifiers) {
+        statements_->lockIdentifier.bind(1, identifier);
+        if (!statements_->lockIdentifier.run()) {
+            error = db_->lastError();
+            return false;
         }
     }
+    return true;
 }
 
 StoreOutcome EventStore::storeBatch(const std::vector<EventRecord>& events, std::int32_t offeredSdk,
                                     std::int32_t offeredApp) {
     StoreOutcome outcome;
+    Job job;
+    job.events = &events;
+    job.offeredSdk = offeredSdk;
+    job.offeredApp = offeredApp;
+    job.report = &outcome;
     std::string error;
-    outcome.ok = submit(
-        [&](std::string& jobError) { return storeBatchNow(events, offeredSdk, offeredApp, outcome, jobError); }, error);
-    if (!outcome.ok) {
+    if (!submit(job, error)) {
         outcome = StoreOutcome{};
         outcome.error = error;
         return outcome;
     }
+    outcome.ok = true;
     storedEvents_ += outcome.stored;
     return outcome;
 }
 
-bool EventStore::storeBatchNow(const std::vector<EventRecord>& events, std::int32_t offeredSdk,
-                               std::int32_t offeredApp, StoreOutcome& outcome, std::string& error) {
+bool EventStore::insertEvents(const std::vector<EventRecord>& events, std::int64_t now, std::vector<bool>& fresh,
+                              std::string& error) {
     Statements& s = *statements_;
-    const std::int64_t now = nowSeconds();
-    std::set<std::string> devicesSeen;
-    for (const EventRecord& event : events) {
-        s.insertEvent.bind(1, event.appKey);
-        s.insertEvent.bind(2, event.mid);
-        s.insertEvent.bind(3, event.type);
-        s.insertEvent.bind(4, event.session);
-        s.insertEvent.bind(5, event.time);
-        s.insertEvent.bind(6, event.index);
-        s.insertEvent.bind(7, std::string_view(event.json));
-        s.insertEvent.bind(8, now);
-        if (!s.insertEvent.run()) {
-            error = "storage: cannot store an event: " + db_->lastError();
+    Database& db = *db_;
+    fresh.assign(events.size(), false);
+    if (db.dialect() == Dialect::Sqlite) {
+        for (std::size_t i = 0; i < events.size(); ++i) {
+            const EventRecord& event = events[i];
+            s.insertEvent.bind(1, event.appKey);
+            s.insertEvent.bind(2, event.mid);
+            s.insertEvent.bind(3, event.type);
+            s.insertEvent.bind(4, event.session);
+            s.insertEvent.bind(5, event.time);
+            s.insertEvent.bind(6, event.index);
+            s.insertEvent.bind(7, std::string_view(event.json));
+            s.insertEvent.bind(8, now);
+            s.insertEvent.bind(9, event.key);
+            if (!s.insertEvent.run()) {
+                error = "storage: cannot store an event: " + db.lastError();
+                return false;
+            }
+            fresh[i] = db.changes() > 0;  // none when its identity was stored before
+        }
+        return true;
+    }
+
+    // PostgreSQL: one statement per 64 events stores the identities that are new
+    // and the events that are new (those without an identity, or with one stored
+    // neither before nor by this group), and answers which those were.
+    std::vector<std::size_t> toSend;
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        if (!events[i].key || keysThisGroup_.insert(*events[i].key).second) toSend.push_back(i);
+    }
+    constexpr int kColumns = 9;
+    for (std::size_t start = 0; start < toSend.size(); start += kRowsPerInsert) {
+        const std::size_t rows = std::min(kRowsPerInsert, toSend.size() - start);
+        const int day = static_cast<int>(rows) * kColumns + 1;
+        Statement& insert = s.insertEvents[rows];
+        if (!insert.ok()) {
+            std::string values;
+            for (std::size_t r = 0; r < rows; ++r) {
+                values += r ? ", (" : "(";
+                for (int c = 1; c <= kColumns; ++c) {
+                    values += (c > 1 ? ", ?" : "?") + std::to_string(static_cast<int>(r) * kColumns + c);
+                }
+                values += ")";
+            }
+            const std::string isNew = " WHERE k IS NULL OR k IN (SELECT event_key FROM fresh)";
+            insert = db.prepare(
+                "WITH v (n, k, app_key, mid, et, si, ts, idx, body) AS (VALUES " + values + "), "
+                "fresh AS (INSERT INTO event_keys (event_key, day) SELECT k, ?" + std::to_string(day) +
+                    " FROM v WHERE k IS NOT NULL ON CONFLICT DO NOTHING RETURNING event_key), "
+                "stored AS (INSERT INTO events (app_key, mid, et, si, ts, idx, body, received) "
+                "SELECT app_key, mid, et, si, ts, idx, body, ?" + std::to_string(day + 1) + " FROM v" + isNew +
+                    " ORDER BY n) "
+                "SELECT n FROM v" + isNew,
+                error);
+        }
+        for (std::size_t r = 0; r < rows; ++r) {
+            const std::size_t i = toSend[start + r];
+            const EventRecord& event = events[i];
+            const int base = static_cast<int>(r) * kColumns;
+            insert.bind(base + 1, static_cast<std::int64_t>(i));
+            insert.bind(base + 2, event.key);
+            insert.bind(base + 3, event.appKey);
+            insert.bind(base + 4, event.mid);
+            insert.bind(base + 5, event.type);
+            insert.bind(base + 6, event.session);
+            insert.bind(base + 7, event.time);
+            insert.bind(base + 8, event.index);
+            insert.bind(base + 9, std::string_view(event.json));
+        }
+        insert.bind(day, now / kDay);
+        insert.bind(day + 1, now);
+        while (insert.step()) {
+            const std::int64_t stored = insert.integer(0);
+            if (stored >= 0 && static_cast<std::size_t>(stored) < fresh.size()) fresh[static_cast<std::size_t>(stored)] = true;
+        }
+        const bool ok = insert.done();
+        insert.reset();
+        if (!ok) {
+            error = "storage: cannot store an event: " + db.lastError();
             return false;
         }
-        if (event.mid && !event.mid->empty() && devicesSeen.insert(*event.mid).second) {
+    }
+    return true;
+}
+
+bool EventStore::storeBatchNow(Job& job, std::int64_t now, std::string& error) {
+    Statements& s = *statements_;
+    const std::vector<EventRecord>& events = *job.events;
+    StoreOutcome& outcome = *job.report;
+    if (!insertEvents(events, now, job.fresh, error)) return false;
+    std::set<std::string> devicesSeen;
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        const EventRecord& event = events[i];
+        if (event.mid && !event.mid->empty() && db_->dialect() == Dialect::Postgres) {
+            devicesThisGroup_.try_emplace(*event.mid, DeviceSeen{matchingKey(event.ifv), matchingKey(event.ioa),
+                                                                  matchingKey(event.ui)});
+        } else if (event.mid && !event.mid->empty() && devicesSeen.insert(*event.mid).second) {
             s.touchDevice.bind(1, *event.mid);
             s.touchDevice.bind(2, matchingKey(event.ifv));
             s.touchDevice.bind(3, matchingKey(event.ioa));
@@ -272,8 +521,11 @@ bool EventStore::storeBatchNow(const std::vector<EventRecord>& events, std::int3
             }
         }
     }
-    if (!s.rollups->add(events, now, error)) return false;
+    // Every event of the batch counts as stored, those sent before included: the
+    // client is told they are kept, and they are, once.
     outcome.stored = events.size();
+    const std::int32_t offeredSdk = job.offeredSdk;
+    const std::int32_t offeredApp = job.offeredApp;
     if (offeredSdk <= 0 && offeredApp <= 0) return true;
 
     // The client the reply goes to: the application of the batch's session event
@@ -328,18 +580,23 @@ bool EventStore::storeBatchNow(const std::vector<EventRecord>& events, std::int3
 
 MidOutcome EventStore::registerDevice(const MidRequest& request) {
     MidOutcome outcome;
+    Job job;
+    job.request = &request;
+    job.registration = &outcome;
     std::string error;
-    outcome.ok = submit([&](std::string& jobError) { return registerDeviceNow(request, outcome, jobError); }, error);
-    if (!outcome.ok) {
+    if (!submit(job, error)) {
         outcome = MidOutcome{};
         outcome.error = error;
+        return outcome;
     }
+    outcome.ok = true;
     return outcome;
 }
 
-bool EventStore::registerDeviceNow(const MidRequest& request, MidOutcome& outcome, std::string& error) {
+bool EventStore::registerDeviceNow(const MidRequest& request, std::int64_t now, MidOutcome& outcome,
+                                   std::string& error) {
     Statements& s = *statements_;
-    const std::int64_t now = nowSeconds();
+    outcome = MidOutcome{};
     auto lookup = [&](Statement& statement, const std::optional<std::string>& value) -> std::optional<std::string> {
         if (!value || value->empty()) return std::nullopt;
         statement.bind(1, std::string_view(*value));
@@ -375,20 +632,22 @@ bool EventStore::registerDeviceNow(const MidRequest& request, MidOutcome& outcom
         return true;
     }
 
-    // A new device: keep the mid it brings, or make one nobody has.
+    // A new device: keep the mid it brings, or make one nobody has (a mid taken
+    // meanwhile, by a device seen in events or on another collector, is not).
     std::string fresh = request.mid;
-    while (fresh.empty() || lookup(s.findByMid, fresh)) {
-        if (!error.empty()) return false;
-        fresh = newMid();
-    }
-    s.insertDevice.bind(1, fresh);
-    s.insertDevice.bind(2, ifv);
-    s.insertDevice.bind(3, ioa);
-    s.insertDevice.bind(4, ui);
-    s.insertDevice.bind(5, now);
-    if (!s.insertDevice.run()) {
-        error = "storage: cannot register a device: " + db_->lastError();
-        return false;
+    for (;;) {
+        if (fresh.empty()) fresh = newMid();
+        s.insertDevice.bind(1, fresh);
+        s.insertDevice.bind(2, ifv);
+        s.insertDevice.bind(3, ioa);
+        s.insertDevice.bind(4, ui);
+        s.insertDevice.bind(5, now);
+        if (!s.insertDevice.run()) {
+            error = "storage: cannot register a device: " + db_->lastError();
+            return false;
+        }
+        if (db_->changes() > 0) break;
+        fresh.clear();
     }
     outcome.mid = fresh;
     outcome.created = true;

@@ -2,12 +2,21 @@
 // through it.
 //
 // Request threads hand their work to the writer and wait for it. The writer takes
-// everything that is waiting, runs it in one transaction (each piece of work in
-// its own savepoint, so one failure does not undo the others) and commits before
-// it wakes the waiters: a request is answered only once what it brought is on
-// disk, and many concurrent requests share one commit. close() finishes all
+// everything that is waiting, runs it in one transaction and commits before it
+// wakes the waiters: a request is answered only once what it brought is
+// committed, and many concurrent requests share one commit. One failing request
+// does not undo the others: on SQLite each runs in its own savepoint; on
+// PostgreSQL (where a savepoint costs a round trip) the group runs again without
+// it. The dashboard's summaries of the whole group are written once, at its end. close() finishes all
 // pending work before the connection is closed, so an orderly shutdown loses
 // nothing that was acknowledged.
+//
+// The database is an SQLite file or a PostgreSQL database (Database.h), which
+// several collectors may share: there a group that meets another collector's
+// locks in a deadlock is undone and run again, registrations of one device take
+// turns (a lock per identifier, held to the commit), and a broken connection is
+// opened again before the next group. In both stores an event sent again (its
+// identity, EventRecord::key, already stored) is acknowledged without a second row.
 #pragma once
 
 #include "Database.h"
@@ -18,8 +27,11 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,6 +47,13 @@ struct StoreOutcome {
     bool sendApp = false;
 };
 
+/// How the store looks after itself.
+struct StoreSettings {
+    /// Events received more than this many whole days before today (UTC) are
+    /// dropped, once a day (PostgreSQL: whole daily partitions). None: kept.
+    std::optional<int> retentionDays;
+};
+
 struct MidOutcome {
     bool ok = false;
     std::string error;
@@ -44,8 +63,10 @@ struct MidOutcome {
 
 class EventStore {
 public:
-    /// Opens the database (creating and migrating its schema) and starts the writer.
-    static std::unique_ptr<EventStore> open(const std::string& path, std::string& error);
+    /// Opens the database at `location` (an SQLite path or a PostgreSQL URL),
+    /// creating and migrating its schema, and starts the writer.
+    static std::unique_ptr<EventStore> open(const std::string& location, std::string& error,
+                                            StoreSettings settings = {});
     ~EventStore();
     EventStore(const EventStore&) = delete;
     EventStore& operator=(const EventStore&) = delete;
@@ -64,9 +85,9 @@ public:
     /// committed. Any thread.
     MidOutcome registerDevice(const MidRequest& request);
 
-    /// Finishes pending work, stops the writer and closes the database, leaving it
-    /// in rollback-journal mode (one self-contained file) unless a reader holds it
-    /// open. Later calls of the operations above fail. Idempotent.
+    /// Finishes pending work, stops the writer and closes the database, leaving an
+    /// SQLite file in rollback-journal mode (one self-contained file) unless a
+    /// reader holds it open. Later calls of the operations above fail. Idempotent.
     void close();
 
     /// Events stored since open().
@@ -74,7 +95,14 @@ public:
 
 private:
     struct Job {
-        std::function<bool(std::string& error)> work;
+        // A report (events set) or a registration (request set), and its outcome.
+        const std::vector<EventRecord>* events = nullptr;
+        std::int32_t offeredSdk = 0;
+        std::int32_t offeredApp = 0;
+        StoreOutcome* report = nullptr;
+        const MidRequest* request = nullptr;
+        MidOutcome* registration = nullptr;
+        std::vector<bool> fresh;  // per event: stored now (not sent before); writer thread only
         bool done = false;  // guarded by mutex_
         bool ok = false;
         std::string error;
@@ -83,15 +111,34 @@ private:
 
     EventStore() = default;
     bool prepare(std::string& error);
-    /// Hands the work to the writer and waits for its commit.
-    bool submit(std::function<bool(std::string&)> work, std::string& error);
+    /// Hands the job to the writer and waits for its commit.
+    bool submit(Job& job, std::string& error);
     void writerLoop();
     void runJobs(std::vector<Job*>& jobs);
+    /// One attempt at the group in one transaction; false when the whole
+    /// transaction failed (`transient` when a retry may succeed).
+    /// On PostgreSQL a request that fails undoes the whole attempt: it is named
+    /// in `culprit`, to be left out of the next.
+    bool tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transient, Job*& culprit, std::string& error);
+    /// Records the devices the group's events came from (PostgreSQL).
+    bool touchDevices(std::int64_t now, std::string& error);
+    /// Today's and tomorrow's partitions, and the retention, once a day.
+    void maintain(std::int64_t now);
+    bool lockIdentifiers(const std::vector<Job*>& jobs, std::string& error);
 
-    bool storeBatchNow(const std::vector<EventRecord>& events, std::int32_t offeredSdk, std::int32_t offeredApp,
-                       StoreOutcome& outcome, std::string& error);
-    bool registerDeviceNow(const MidRequest& request, MidOutcome& outcome, std::string& error);
+    bool storeBatchNow(Job& job, std::int64_t now, std::string& error);
+    /// Stores the events that are not there yet; `fresh` tells which were stored.
+    bool insertEvents(const std::vector<EventRecord>& events, std::int64_t now, std::vector<bool>& fresh,
+                      std::string& error);
+    bool registerDeviceNow(const MidRequest& request, std::int64_t now, MidOutcome& outcome, std::string& error);
 
+    StoreSettings settings_;
+    std::int64_t maintainedDay_ = -1;         // writer thread only
+    std::set<std::string> keysThisGroup_;     // writer thread only: identities stored by the group so far
+    struct DeviceSeen {
+        std::optional<std::string> ifv, ioa, ui;
+    };
+    std::map<std::string, DeviceSeen> devicesThisGroup_;  // writer thread only: by mid (PostgreSQL)
     std::unique_ptr<Database> db_;          // used by the writer thread only (and by open/close)
     std::unique_ptr<Statements> statements_;  // idem
 

@@ -41,7 +41,7 @@ void Metrics::recordRequest(Route route, int status, std::optional<int> ret, std
     if (newMid) midsIssued_.fetch_add(1, std::memory_order_relaxed);
 }
 
-std::string Metrics::render() const {
+std::string Metrics::render(std::optional<std::uint64_t> databaseBytes) const {
     std::string out;
     out += "# HELP zub_collector_requests_total Report and identifier requests answered, by route and status class.\n"
            "# TYPE zub_collector_requests_total counter\n";
@@ -81,10 +81,10 @@ std::string Metrics::render() const {
                number(static_cast<double>(r.latencyMicros.load()) / 1e6) + "\n";
         out += "zub_collector_request_duration_seconds_count{" + label + "} " + std::to_string(cumulative) + "\n";
     }
-    out += "# HELP zub_collector_database_size_bytes Size of the database file and its write-ahead log.\n"
+    out += "# HELP zub_collector_database_size_bytes Size of the database (file and write-ahead log).\n"
            "# TYPE zub_collector_database_size_bytes gauge\n"
            "zub_collector_database_size_bytes " +
-           std::to_string(fileSize(dbPath_) + fileSize(dbPath_ + "-wal")) + "\n";
+           std::to_string(databaseBytes ? *databaseBytes : fileSize(dbPath_) + fileSize(dbPath_ + "-wal")) + "\n";
     return out;
 }
 

@@ -6,6 +6,7 @@
 //   zub_collector_mids_issued_total                   new devices given a mid
 //   zub_collector_request_duration_seconds{route}     histogram of the time to answer
 //   zub_collector_database_size_bytes                 the database file and its write-ahead log
+//                                                     (PostgreSQL: the database, as its server counts it)
 //
 // Recording is lock-free (atomics) and safe from any request thread; rendering
 // reads the counters without stopping the writers, so one scrape may see a
@@ -32,8 +33,9 @@ public:
     void recordRequest(Route route, int status, std::optional<int> ret, std::size_t eventsStored, bool newMid,
                        double seconds);
 
-    /// The text a Prometheus scrape receives.
-    std::string render() const;
+    /// The text a Prometheus scrape receives. The database's size is measured from
+    /// its files unless the caller gives it (a PostgreSQL database has none here).
+    std::string render(std::optional<std::uint64_t> databaseBytes = std::nullopt) const;
 
     /// Upper bounds of the latency histogram's buckets, in seconds.
     static constexpr std::array<double, 12> kLatencyBounds = {0.001, 0.0025, 0.005, 0.01, 0.025, 0.05,

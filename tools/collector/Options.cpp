@@ -31,6 +31,10 @@ std::optional<std::int64_t> parseSeconds(const std::string& text) {
     return value;
 }
 
+bool isPostgresUrl(const std::string& value) {
+    return value.rfind("postgresql://", 0) == 0 || value.rfind("postgres://", 0) == 0;
+}
+
 // Paths, addresses and keys: an empty value is a mistake, never "use the default".
 const CLI::Validator kNotEmpty(
     [](std::string& value) { return value.empty() ? std::string("must not be empty") : std::string(); }, "");
@@ -60,9 +64,16 @@ void addServeOptions(CLI::App& serve, ServeOptions& o) {
         ->check(kNotEmpty)
         ->type_name("KEY")
         ->default_str("(the library's)");
-    serve.add_option("--db", o.dbPath, "SQLite database (created and migrated as needed)")
+    serve.add_option("--db", o.dbPath,
+                     "SQLite database file, or postgresql://USER@HOST/DB shared by several collectors "
+                     "(created and migrated as needed)")
         ->check(kNotEmpty)
-        ->type_name("PATH");
+        ->type_name("PATH|URL");
+    optionalOption(serve, "--retention-days", o.retentionDays,
+                   "drop events received more than N days before today (daily, whole days)")
+        ->check(CLI::Range(1, 100000))
+        ->type_name("N")
+        ->default_str("keep all");
     serve.add_option("--config", o.configPath,
                      "online configuration to hand out: {\"sdk\": {\"v\",\"c\"[,\"m\"]}, \"app\": {...}}")
         ->check(kNotEmpty)
@@ -175,6 +186,24 @@ void addStatsOptions(CLI::App& stats, StatsOptions& o) {
                  "or with when it was received for an event sent without one (\"ts\" 0 or missing)");
 }
 
+void addMigrateOptions(CLI::App& migrate, MigrateOptions& o) {
+    migrate.add_option("--from", o.from, "SQLite collector database to copy (opened read-only)")
+        ->required()
+        ->check(kNotEmpty)
+        ->type_name("FILE");
+    migrate.add_option("--to", o.to, "PostgreSQL database to copy into (created and migrated as needed)")
+        ->required()
+        ->check(CLI::Validator(
+            [](std::string& value) {
+                return isPostgresUrl(value) ? std::string() : std::string("expected postgresql://...");
+            },
+            ""))
+        ->type_name("URL");
+    migrate.footer("Copies devices, events, configuration holdings and the dashboard's summaries. It may be run\n"
+                   "again, also after an interruption or while collectors write to the target: each event is\n"
+                   "copied exactly once.");
+}
+
 void addEventsOptions(CLI::App& events, EventsOptions& o) {
     events.add_option("--db", o.dbPath, "collector database (opened read-only)")
         ->required()
@@ -277,10 +306,12 @@ CommandLine parseCommandLine(const std::vector<std::string>& args, std::ostream&
     CLI::App* serve = app.add_subcommand("serve", "run the report and identifier server (the default command)");
     CLI::App* stats = app.add_subcommand("stats", "summarise what a collector database holds");
     CLI::App* events = app.add_subcommand("events", "list the events a collector database holds");
+    CLI::App* migrate = app.add_subcommand("migrate", "copy an SQLite collector database into PostgreSQL");
     addServeOptions(*serve, line.serve);
     addDashboardOptions(*serve, line.serve.dashboard);
     addStatsOptions(*stats, line.stats);
     addEventsOptions(*events, line.events);
+    addMigrateOptions(*migrate, line.migrate);
     app.footer("With no command the server runs: zub-collector [serve options].\n"
                "zub-collector COMMAND --help shows the options of a command.");
 
@@ -294,7 +325,7 @@ CommandLine parseCommandLine(const std::vector<std::string>& args, std::ostream&
     if (words.empty() || (isOption(words[0]) && words[0] != "--help" && words[0] != "-h" && words[0] != "--version")) {
         words.insert(words.begin(), "serve");
     } else if (!isOption(words[0]) && !isCommand(app, words[0])) {
-        err << kProgram << ": unknown command \"" << words[0] << "\" (commands: serve, stats, events; see "
+        err << kProgram << ": unknown command \"" << words[0] << "\" (commands: serve, stats, events, migrate; see "
             << kProgram << " --help)\n";
         line.command = CommandLine::Command::Exit;
         line.exitCode = kExitUsage;
@@ -325,6 +356,8 @@ CommandLine parseCommandLine(const std::vector<std::string>& args, std::ostream&
         line.command = CommandLine::Command::Stats;
     } else if (events->parsed()) {
         line.command = CommandLine::Command::Events;
+    } else if (migrate->parsed()) {
+        line.command = CommandLine::Command::Migrate;
     } else {
         line.command = CommandLine::Command::Serve;
         DashboardOptions& d = line.serve.dashboard;

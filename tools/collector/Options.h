@@ -4,6 +4,7 @@
 //   zub-collector stats  --db PATH [--app KEY] [--since T] [--until T] [--top N] [--json]
 //   zub-collector events --db PATH [--since T] [--until T] [--type ET] [--app KEY]
 //                        [--mid MID] [--limit N] [--json]
+//   zub-collector migrate --from FILE --to postgresql://...
 //   zub-collector help [COMMAND] | --help | --version
 //
 // With no command, or when the first argument is an option, the server runs:
@@ -47,7 +48,10 @@ struct ServeOptions {
     std::string address = "127.0.0.1";
     int port = 0;  // set from the build's default in parseCommandLine
     std::string key;
+    /// An SQLite file, or a PostgreSQL URL (postgresql://...) that several
+    /// collectors may share.
     std::string dbPath = "zub-collector.db";
+    std::optional<int> retentionDays;  // drop events received more than N days ago
     std::string configPath;      // online configuration file; none when empty
     std::size_t threads = 32;    // request threads (each kept-alive connection holds one)
     // How long an idle connection is kept open; also bounds how long a stop waits
@@ -81,15 +85,21 @@ struct EventsOptions {
     bool json = false;
 };
 
+struct MigrateOptions {
+    std::string from;  // SQLite file
+    std::string to;    // PostgreSQL URL
+};
+
 struct CommandLine {
     /// Exit: nothing to run; end with exitCode (help or version printed: 0; a bad
     /// command line reported: 2).
-    enum class Command { Serve, Stats, Events, Exit };
+    enum class Command { Serve, Stats, Events, Migrate, Exit };
     Command command = Command::Serve;
     int exitCode = 0;
     ServeOptions serve;
     StatsOptions stats;
     EventsOptions events;
+    MigrateOptions migrate;
 };
 
 inline constexpr int kExitUsage = 2;

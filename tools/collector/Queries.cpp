@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -23,15 +24,15 @@ std::unique_ptr<Database> openForQuery(const std::string& path, std::ostream& er
     }
     int version = 0;
     if (!readSchemaVersion(*db, version, error)) {
-        err << "zub-collector: " << path << " is not a collector database: " << error << "\n";
+        err << "zub-collector: " << Database::displayName(path) << " is not a collector database: " << error << "\n";
         return nullptr;
     }
     if (version == 0) {
-        err << "zub-collector: " << path << " is not a collector database (no schema version)\n";
+        err << "zub-collector: " << Database::displayName(path) << " is not a collector database (no schema version)\n";
         return nullptr;
     }
     if (version > kSchemaVersion) {
-        err << "zub-collector: " << path << " has schema version " << version << ", newer than this collector's ("
+        err << "zub-collector: " << Database::displayName(path) << " has schema version " << version << ", newer than this collector's ("
             << kSchemaVersion << ")\n";
         return nullptr;
     }
@@ -121,7 +122,29 @@ std::optional<std::int64_t> optionalInteger(const Statement& s, int column) {
     return s.integer(column);
 }
 
+// What the stats ask of an event's JSON text, as each store says it.
+struct JsonSql {
+    std::string events;       // the table the questions read (with the parsed body where needed)
+    std::string ei;           // the custom event identifier, NULL when absent
+    std::string pi;           // the page identifier
+    std::string duration;     // "du" when it is a number, else NULL
+    std::string count;        // "kv"."count" when it is a whole number, else NULL
+};
+
+JsonSql jsonSql(Dialect dialect) {
+    if (dialect == Dialect::Postgres) {
+        return {"(SELECT app_key, mid, et, si, ts, received, body::json AS j FROM events) AS events",
+                "((j->>'ei') COLLATE \"C\")", "((j->>'pi') COLLATE \"C\")",
+                "(CASE WHEN json_typeof(j->'du') = 'number' THEN (j->>'du')::float8 END)",
+                "(CASE WHEN json_typeof(j->'kv'->'count') = 'number' AND (j->'kv'->>'count') ~ '^-?[0-9]+$' "
+                "THEN (j->'kv'->>'count')::numeric END)"};
+    }
+    return {"events", "json_extract(body, '$.ei')", "json_extract(body, '$.pi')", "json_extract(body, '$.du')",
+            "(CASE WHEN json_type(body, '$.kv.count') = 'integer' THEN json_extract(body, '$.kv.count') END)"};
+}
+
 bool collect(Database& db, const StatsOptions& options, Stats& stats, std::string& error) {
+    const JsonSql json = jsonSql(db.dialect());
     // The application and the range of the events' times (?5 inclusive, ?6
     // exclusive): an event's "ts", or when it was received for one sent without
     // (page and account events come with "ts" 0), as the dashboard counts them.
@@ -158,7 +181,7 @@ bool collect(Database& db, const StatsOptions& options, Stats& stats, std::strin
 
     Statement sessions = prepare(std::string("SELECT COUNT(*) FROM (SELECT DISTINCT app_key, mid, si FROM events "
                                              "WHERE si IS NOT NULL AND ") +
-                                 kApp + ")");
+                                 kApp + ") AS s");
     if (!sessions.ok()) return false;
     if (sessions.step()) stats.sessions = sessions.integer(0);
     if (sessions.failed()) return error = db.lastError(), false;
@@ -169,17 +192,15 @@ bool collect(Database& db, const StatsOptions& options, Stats& stats, std::strin
     if (devices.failed()) return error = db.lastError(), false;
 
     Statement types = prepare(std::string("SELECT et, COUNT(*) FROM events WHERE ") + kApp +
-                              " GROUP BY et ORDER BY COUNT(*) DESC, et");
+                              " GROUP BY et ORDER BY COUNT(*) DESC, et NULLS FIRST");
     if (!types.ok()) return false;
     while (types.step()) stats.byType.emplace_back(optionalInteger(types, 0), types.integer(1));
     if (types.failed()) return error = db.lastError(), false;
 
     // The library reports events it had to drop as a custom event with a reserved
     // identifier and the number dropped since its last report as "count".
-    Statement dropped = prepare(std::string("SELECT COALESCE(SUM(json_extract(body, '$.kv.count')), 0) FROM events "
-                                            "WHERE json_extract(body, '$.ei') = ?2 "
-                                            "AND json_type(body, '$.kv.count') = 'integer' AND ") +
-                                kApp);
+    Statement dropped = prepare("SELECT COALESCE(SUM(" + json.count + "), 0) FROM " + json.events + " WHERE " +
+                                json.ei + " = ?2 AND " + kApp);
     if (!dropped.ok()) return false;
     dropped.bind(2, kZUBDroppedEventsID);
     if (dropped.step()) stats.droppedEvents = dropped.integer(0);
@@ -187,12 +208,12 @@ bool collect(Database& db, const StatsOptions& options, Stats& stats, std::strin
 
     // `which` selects the events of the kind (?2 being its event type); an event
     // whose identifier is ?4 is left out.
-    auto named = [&](std::int64_t type, const char* key, const char* which, std::optional<std::string> excluded,
-                     std::vector<NamedCount>& into) {
-        Statement s = prepare(std::string("SELECT json_extract(body, '$.") + key +
-                              "') AS name, COUNT(*), AVG(json_extract(body, '$.du')) FROM events WHERE (" + which +
-                              ") AND (?4 IS NULL OR json_extract(body, '$.ei') IS NOT ?4) AND " + kApp +
-                              " GROUP BY name ORDER BY COUNT(*) DESC, name LIMIT ?3");
+    auto named = [&](std::int64_t type, const std::string& name, const std::string& which,
+                     std::optional<std::string> excluded, std::vector<NamedCount>& into) {
+        Statement s = prepare("SELECT " + name + " AS name, COUNT(*), AVG(" + json.duration + ") FROM " +
+                              json.events + " WHERE (" + which + ") AND (?4 IS NULL OR " + json.ei +
+                              " IS DISTINCT FROM ?4) AND " + kApp +
+                              " GROUP BY name ORDER BY COUNT(*) DESC, name NULLS FIRST LIMIT ?3");
         if (!s.ok()) return false;
         s.bind(2, type);
         s.bind(3, static_cast<std::int64_t>(options.top));
@@ -211,9 +232,8 @@ bool collect(Database& db, const StatsOptions& options, Stats& stats, std::strin
     // A custom event ended by a timer arrives without its type ("et" 0) but with
     // its identifier: an event is a custom event by its "ei" as much as by its type.
     // The dropped-events reports are the library's, not the application's.
-    return named(1000, "ei", "et = ?2 OR json_extract(body, '$.ei') IS NOT NULL", kZUBDroppedEventsID,
-                 stats.customEvents) &&
-           named(1, "pi", "et = ?2", std::nullopt, stats.pages);
+    return named(1000, json.ei, "et = ?2 OR " + json.ei + " IS NOT NULL", kZUBDroppedEventsID, stats.customEvents) &&
+           named(1, json.pi, "et = ?2", std::nullopt, stats.pages);
 }
 
 zub::Value namedJson(const std::vector<NamedCount>& rows, const char* nameKey, const char* countKey) {
@@ -251,7 +271,7 @@ void printStatsJson(const Stats& stats, std::ostream& out) {
 }
 
 void printStatsTable(const Stats& stats, const StatsOptions& options, std::ostream& out) {
-    out << "Collector database " << options.dbPath;
+    out << "Collector database " << Database::displayName(options.dbPath);
     if (options.app) out << ", application " << *options.app;
     if (options.since) out << ", events from " << utcText(*options.since) << " UTC";
     if (options.until) out << ", events before " << utcText(*options.until) << " UTC";
@@ -331,7 +351,7 @@ int runEvents(const EventsOptions& options, std::ostream& out, std::ostream& err
     query.bind(3, options.type);
     query.bind(4, options.app);
     query.bind(5, options.mid);
-    query.bind(6, options.limit.value_or(-1));
+    query.bind(6, options.limit.value_or(std::numeric_limits<std::int64_t>::max()));
 
     auto nullableInteger = [&](int column) {
         return query.isNull(column) ? zub::Value(nullptr) : zub::Value(query.integer(column));

@@ -85,6 +85,15 @@ EventRecord eventRecordOf(const zub::Value& event) {
     record.index = integerField(event, "idx");
     record.sdkConfigVersion = reportedVersion(event, "1");
     record.appConfigVersion = reportedVersion(event, "2");
+    if (const auto m5 = event.find("m5"); m5 != event.end() && m5->is_string() && !m5->get_ref<const std::string&>().empty()) {
+        zub::Value identity = zub::Value::array();
+        for (const char* key : {"ui", "si"}) {
+            const auto it = event.find(key);
+            identity.push_back(it == event.end() ? zub::Value(nullptr) : *it);
+        }
+        identity.push_back(*m5);
+        record.key = identity.dump(-1, ' ', false, zub::Value::error_handler_t::replace);
+    }
     record.json = event.dump(-1, ' ', false, zub::Value::error_handler_t::replace);
     record.object = event;
     return record;

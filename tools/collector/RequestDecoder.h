@@ -48,6 +48,13 @@ struct EventRecord {
     /// the versions of the configuration blocks the client holds.
     std::optional<std::int64_t> sdkConfigVersion;
     std::optional<std::int64_t> appConfigVersion;
+    /// The event's identity across resends, when it carries one: the library
+    /// gives every event a key ("m5") that stays the same however often it is
+    /// sent, unlike "idx" (made anew at each sending). With the session ("si")
+    /// and the device's OpenUDID ("ui") it tells a resent event from a new one.
+    /// The mid and "ky" are left out: an event sent before the device had its mid
+    /// comes back with one, and a restored event takes the configured key.
+    std::optional<std::string> key;
     std::string json;  // the whole event object as compact JSON text
     zub::Value object;  // the same object, parsed (read by the dashboard's summaries)
 };

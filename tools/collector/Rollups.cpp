@@ -175,7 +175,12 @@ std::string histogramText(const DurationHistogram& histogram) {
 
 DurationHistogram histogramOf(const std::string& text) {
     DurationHistogram histogram{};
-    const zub::Value parsed = zub::Value::parse(text, nullptr, false);
+    std::string json = text;
+    if (json.size() >= 2 && json.front() == '{' && json.back() == '}') {  // PostgreSQL's array text
+        json.front() = '[';
+        json.back() = ']';
+    }
+    const zub::Value parsed = zub::Value::parse(json, nullptr, false);
     if (!parsed.is_array()) return histogram;
     for (std::size_t i = 0; i < histogram.size() && i < parsed.size(); ++i) {
         if (parsed[i].is_number_integer()) histogram[i] = parsed[i].get<std::int64_t>();
@@ -209,7 +214,115 @@ bool histogramMedian(const DurationHistogram& histogram, double& median) {
     return false;
 }
 
+namespace {
+
+// Rows per summary statement on PostgreSQL (one round trip each).
+constexpr std::size_t kRowsPerUpsert = 64;
+
+// A multi-row upsert into one summary table: rows unique per key (absent keys
+// included: NULLS NOT DISTINCT) are added to when they are there. A column named
+// with a type ("du_hist BIGINT[]") takes its value as text of that type.
+struct Upsert {
+    Upsert(std::string table, std::vector<std::string> columns, std::string key, std::string update,
+           std::string returning = {})
+        : table(std::move(table)), columns(std::move(columns)), key(std::move(key)), update(std::move(update)),
+          returning(std::move(returning)) {}
+
+    std::string table;
+    std::vector<std::string> columns;
+    std::string key;
+    std::string update;
+    std::string returning;
+    std::map<std::size_t, Statement> byRows;
+
+    Statement& statement(Database& db, std::size_t rows, std::string& error) {
+        Statement& statement = byRows[rows];
+        if (statement.ok()) return statement;
+        std::string names;
+        for (const std::string& column : columns) {
+            if (!names.empty()) names.append(", ");
+            names.append(column, 0, column.find(' '));
+        }
+        std::string values;
+        int n = 0;
+        for (std::size_t r = 0; r < rows; ++r) {
+            values += r ? ", (" : "(";
+            for (std::size_t c = 0; c < columns.size(); ++c) {
+                const std::size_t space = columns[c].find(' ');
+                if (c) values.append(", ");
+                if (space != std::string::npos) values.append("CAST(");
+                values.append("?").append(std::to_string(++n));
+                if (space != std::string::npos) values.append(" AS ").append(columns[c], space + 1).append(")");
+            }
+            values += ")";
+        }
+        statement = db.prepare("INSERT INTO " + table + " AS t (" + names + ") VALUES " + values + " ON CONFLICT (" +
+                                   key + ") DO UPDATE SET " + update + returning,
+                               error);
+        return statement;
+    }
+
+    // Writes `rows` (a map from key to what is added), `bind(statement, first
+    // parameter, key, value)` binding one; `answer(statement)` reads each row a
+    // RETURNING gives back.
+    template <typename Rows, typename Bind, typename Answer>
+    bool write(Database& db, const Rows& rows, Bind bind, Answer answer, std::string& error) {
+        auto it = rows.begin();
+        for (std::size_t left = rows.size(); left > 0;) {
+            const std::size_t n = std::min(kRowsPerUpsert, left);
+            Statement& st = statement(db, n, error);
+            for (std::size_t r = 0; r < n; ++r, ++it) bind(st, static_cast<int>(r * columns.size()) + 1, it->first, it->second);
+            while (st.step()) answer(st);
+            const bool ok = st.done();
+            st.reset();
+            if (!ok) return false;
+            left -= n;
+        }
+        return true;
+    }
+    template <typename Rows, typename Bind>
+    bool write(Database& db, const Rows& rows, Bind bind, std::string& error) {
+        return write(db, rows, bind, [](const Statement&) {}, error);
+    }
+};
+
+}  // namespace
+
+struct RollupWriter::Pending {
+    BatchSummary batch;
+};
+
 struct RollupWriter::Statements {
+    // PostgreSQL: each summary's rows of a group in a few statements.
+    Upsert activity{"activity_hours", {"hour", "app_key", "mid", "si", "events", "active_seconds", "dropped"},
+                    "hour, app_key, mid, si",
+                    "events = t.events + excluded.events, active_seconds = t.active_seconds + excluded.active_seconds, "
+                    "dropped = t.dropped + excluded.dropped"};
+    // Answers which sessions are new to the table.
+    Upsert sessions{"sessions", {"app_key", "mid", "si", "first_ts", "last_ts"}, "app_key, mid, si",
+                    "first_ts = LEAST(t.first_ts, excluded.first_ts), last_ts = GREATEST(t.last_ts, excluded.last_ts)",
+                    " RETURNING app_key, mid, CASE WHEN xmax = 0 THEN 1 ELSE 0 END"};
+    Upsert devices{"app_devices", {"app_key", "mid", "first_ts", "last_ts", "sessions", "events", "app_version"},
+                   "app_key, mid",
+                   "first_ts = LEAST(t.first_ts, excluded.first_ts), last_ts = GREATEST(t.last_ts, excluded.last_ts), "
+                   "sessions = t.sessions + excluded.sessions, events = t.events + excluded.events, "
+                   "app_version = COALESCE(excluded.app_version, t.app_version)"};
+    Upsert named{"named_hours", {"hour", "kind", "app_key", "name", "count", "du_sum", "du_count", "du_hist BIGINT[]"},
+                 "hour, kind, app_key, name",
+                 "count = t.count + excluded.count, du_sum = t.du_sum + excluded.du_sum, "
+                 "du_count = t.du_count + excluded.du_count, du_hist = ARRAY(SELECT h.a + h.b FROM "
+                 "unnest(t.du_hist, excluded.du_hist) WITH ORDINALITY AS h(a, b, n) ORDER BY h.n)"};
+    Upsert referrers{"referrer_hours", {"hour", "app_key", "page", "referrer", "count"}, "hour, app_key, page, referrer",
+                     "count = t.count + excluded.count"};
+    Upsert referrerDays{"referrer_days", {"day", "app_key", "page", "referrer", "count"}, "day, app_key, page, referrer",
+                        "count = t.count + excluded.count"};
+    Upsert arguments{"argument_hours", {"hour", "app_key", "event", "key", "value", "count"},
+                     "hour, app_key, event, key, value", "count = t.count + excluded.count"};
+    Upsert argumentDays{"argument_days", {"day", "app_key", "event", "key", "value", "count"},
+                        "day, app_key, event, key, value", "count = t.count + excluded.count"};
+    Upsert audience{"audience_hours", {"hour", "app_key", "dimension", "value", "count"}, "hour, dimension, app_key, value",
+                    "count = t.count + excluded.count"};
+    // SQLite: found and updated, or inserted.
     Statement updateActivity, insertActivity;
     Statement findSession, updateSession, insertSession;
     Statement findDevice, updateDevice, insertDevice;
@@ -221,6 +334,9 @@ struct RollupWriter::Statements {
 
 std::unique_ptr<RollupWriter> RollupWriter::create(Database& db, std::string& error) {
     auto s = std::make_unique<Statements>();
+    if (db.dialect() == Dialect::Postgres) {
+        return std::unique_ptr<RollupWriter>(new RollupWriter(db, std::move(s)));
+    }
     // Keys may be absent (NULL): rows are found with IS, which matches NULL to NULL.
     s->updateActivity = db.prepare(
         "UPDATE activity_hours SET events = events + ?5, active_seconds = active_seconds + ?6, dropped = dropped + ?7 "
@@ -299,15 +415,28 @@ std::unique_ptr<RollupWriter> RollupWriter::create(Database& db, std::string& er
 }
 
 RollupWriter::RollupWriter(Database& db, std::unique_ptr<Statements> statements)
-    : db_(db), s_(std::move(statements)) {}
+    : db_(db), s_(std::move(statements)), pending_(std::make_unique<Pending>()) {}
 
 RollupWriter::~RollupWriter() = default;
 
+void RollupWriter::collect(const EventRecord& event, std::int64_t received) { pending_->batch.add(event, received); }
+
+void RollupWriter::discard() { pending_ = std::make_unique<Pending>(); }
+
 bool RollupWriter::add(const std::vector<EventRecord>& events, std::int64_t received, std::string& error) {
-    BatchSummary batch;
-    for (const EventRecord& event : events) batch.add(event, received);
+    for (const EventRecord& event : events) collect(event, received);
+    return flush(error);
+}
+
+bool RollupWriter::flush(std::string& error) {
+    const bool ok = db_.dialect() == Dialect::Postgres ? flushPostgres(error) : flushSqlite(error);
+    discard();
+    return ok;
+}
+
+bool RollupWriter::flushSqlite(std::string& error) {
+    BatchSummary& batch = pending_->batch;
     Statements& s = *s_;
-    sqlite3* handle = db_.handle();
     auto fail = [&](const char* what) {
         error = std::string("storage: cannot summarise ") + what + ": " + db_.lastError();
         return false;
@@ -315,7 +444,7 @@ bool RollupWriter::add(const std::vector<EventRecord>& events, std::int64_t rece
     // Runs an UPDATE; when it touched no row, the INSERT.
     auto upsert = [&](Statement& update, Statement& insert) {
         if (!update.run()) return false;
-        if (sqlite3_changes(handle) > 0) {
+        if (db_.changes() > 0) {
             insert.reset();
             return true;
         }
@@ -490,6 +619,138 @@ bool RollupWriter::add(const std::vector<EventRecord>& events, std::int64_t rece
             st->bind(5, count);
         }
         if (!upsert(s.updateAudience, s.insertAudience)) return fail("audience");
+    }
+    return true;
+}
+
+bool RollupWriter::flushPostgres(std::string& error) {
+    BatchSummary& batch = pending_->batch;
+    Statements& s = *s_;
+    auto fail = [&](const char* what) {
+        error = std::string("storage: cannot summarise ") + what + ": " + db_.lastError();
+        return false;
+    };
+    if (!s.activity.write(
+            db_, batch.activity,
+            [](Statement& st, int p, const auto& key, const Activity& a) {
+                const auto& [hour, app, mid, si] = key;
+                st.bind(p, hour);
+                st.bind(p + 1, app);
+                st.bind(p + 2, mid);
+                st.bind(p + 3, si);
+                st.bind(p + 4, a.events);
+                st.bind(p + 5, a.activeSeconds);
+                st.bind(p + 6, a.dropped);
+            },
+            error)) {
+        return fail("activity");
+    }
+
+    std::map<std::pair<OptText, std::string>, std::int64_t> newSessions;
+    if (!s.sessions.write(
+            db_, batch.sessions,
+            [](Statement& st, int p, const auto& key, const Span& span) {
+                const auto& [app, mid, si] = key;
+                st.bind(p, app);
+                st.bind(p + 1, mid);
+                st.bind(p + 2, si);
+                st.bind(p + 3, span.first);
+                st.bind(p + 4, span.last);
+            },
+            [&](const Statement& st) {
+                if (st.integer(2) == 1 && !st.isNull(1)) {
+                    ++newSessions[{st.isNull(0) ? OptText() : OptText(st.text(0)), st.text(1)}];
+                }
+            },
+            error)) {
+        return fail("sessions");
+    }
+
+    if (!s.devices.write(
+            db_, batch.devices,
+            [&](Statement& st, int p, const auto& key, const DeviceBatch& d) {
+                const auto& [app, mid] = key;
+                st.bind(p, app);
+                st.bind(p + 1, mid);
+                st.bind(p + 2, d.span.first);
+                st.bind(p + 3, d.span.last);
+                st.bind(p + 4, newSessions[key]);
+                st.bind(p + 5, d.events);
+                st.bind(p + 6, d.appVersion);
+            },
+            error)) {
+        return fail("devices");
+    }
+
+    if (!s.named.write(
+            db_, batch.named,
+            [](Statement& st, int p, const auto& key, const Named& n) {
+                const auto& [hour, app, kind, name] = key;
+                std::string histogram = histogramText(n.histogram);
+                histogram.front() = '{';  // PostgreSQL's array text
+                histogram.back() = '}';
+                st.bind(p, hour);
+                st.bind(p + 1, std::string(1, kind));
+                st.bind(p + 2, app);
+                st.bind(p + 3, name);
+                st.bind(p + 4, n.count);
+                st.bindReal(p + 5, n.durationSum);
+                st.bind(p + 6, n.durationCount);
+                st.bind(p + 7, histogram);
+            },
+            error)) {
+        return fail("pages and custom events");
+    }
+
+    std::map<std::tuple<std::int64_t, OptText, OptText, std::string>, std::int64_t> referrerDays;
+    for (const auto& [key, count] : batch.referrers) {
+        const auto& [hour, app, page, referrer] = key;
+        referrerDays[{dayOfHour(hour), app, page, referrer}] += count;
+    }
+    auto bindReferrer = [](Statement& st, int p, const auto& key, std::int64_t count) {
+        const auto& [when, app, page, referrer] = key;
+        st.bind(p, when);
+        st.bind(p + 1, app);
+        st.bind(p + 2, page);
+        st.bind(p + 3, referrer);
+        st.bind(p + 4, count);
+    };
+    if (!s.referrers.write(db_, batch.referrers, bindReferrer, error) ||
+        !s.referrerDays.write(db_, referrerDays, bindReferrer, error)) {
+        return fail("referrers");
+    }
+
+    std::map<std::tuple<std::int64_t, OptText, OptText, std::string, std::string>, std::int64_t> argumentDays;
+    for (const auto& [key, count] : batch.arguments) {
+        const auto& [hour, app, event, argument, value] = key;
+        argumentDays[{dayOfHour(hour), app, event, argument, value}] += count;
+    }
+    auto bindArgument = [](Statement& st, int p, const auto& key, std::int64_t count) {
+        const auto& [when, app, event, argument, value] = key;
+        st.bind(p, when);
+        st.bind(p + 1, app);
+        st.bind(p + 2, event);
+        st.bind(p + 3, argument);
+        st.bind(p + 4, value);
+        st.bind(p + 5, count);
+    };
+    if (!s.arguments.write(db_, batch.arguments, bindArgument, error) ||
+        !s.argumentDays.write(db_, argumentDays, bindArgument, error)) {
+        return fail("arguments");
+    }
+
+    if (!s.audience.write(
+            db_, batch.audience,
+            [](Statement& st, int p, const auto& key, std::int64_t count) {
+                const auto& [hour, app, dimension, value] = key;
+                st.bind(p, hour);
+                st.bind(p + 1, app);
+                st.bind(p + 2, dimension);
+                st.bind(p + 3, value);
+                st.bind(p + 4, count);
+            },
+            error)) {
+        return fail("audience");
     }
     return true;
 }

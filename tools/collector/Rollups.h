@@ -26,6 +26,11 @@
 // account events are sent with "ts" 0 on purpose), the time it was received:
 // `stats --since/--until` counts by the same time. Writers run inside the
 // caller's transaction, on the writer thread.
+//
+// The writer gathers what a whole group of stored batches adds and writes each
+// summary row once for the group, in the order of its key: on PostgreSQL, where
+// several collectors add to the same rows, every writer then takes its row locks
+// in one order. There the rows are unique per key and added to with one upsert.
 #pragma once
 
 #include "Database.h"
@@ -51,7 +56,7 @@ using DurationHistogram = std::array<std::int64_t, kDurationBuckets>;
 /// The bucket a duration falls in.
 std::size_t durationBucket(double seconds);
 /// The histogram as stored ("[n0,n1,...]") and back; a text that is not one
-/// reads as all zeros.
+/// reads as all zeros. PostgreSQL's array text ("{n0,n1,...}") reads the same.
 std::string histogramText(const DurationHistogram& histogram);
 DurationHistogram histogramOf(const std::string& text);
 /// The median a histogram implies: linear within the bucket that holds it.
@@ -79,15 +84,26 @@ public:
     RollupWriter(const RollupWriter&) = delete;
     RollupWriter& operator=(const RollupWriter&) = delete;
 
-    /// Adds the events, received at `received` (seconds since 1970), to the
-    /// summaries, inside the caller's transaction.
+    /// Takes an event, received at `received` (seconds since 1970), into what the
+    /// next flush() writes.
+    void collect(const EventRecord& event, std::int64_t received);
+    /// Writes what was collected into the summaries, inside the caller's
+    /// transaction, and starts afresh (also when it fails).
+    bool flush(std::string& error);
+    /// Forgets what was collected.
+    void discard();
+    /// collect() for each event, then flush().
     bool add(const std::vector<EventRecord>& events, std::int64_t received, std::string& error);
 
 private:
     struct Statements;
+    struct Pending;
     RollupWriter(Database& db, std::unique_ptr<Statements> statements);
+    bool flushSqlite(std::string& error);
+    bool flushPostgres(std::string& error);
     Database& db_;
     std::unique_ptr<Statements> s_;
+    std::unique_ptr<Pending> pending_;
 };
 
 /// Summarises every event the database holds (after a migration that added the

@@ -9,6 +9,7 @@
 #include "DashboardServer.h"
 #include "Metrics.h"
 #include "EventStore.h"
+#include "Migrate.h"
 #include "OnlineConfig.h"
 #include "Options.h"
 #include "Queries.h"
@@ -112,7 +113,9 @@ int serve(ServeOptions options) {
             return 1;
         }
     }
-    auto store = EventStore::open(options.dbPath, error);
+    StoreSettings settings;
+    settings.retentionDays = options.retentionDays;
+    auto store = EventStore::open(options.dbPath, error, settings);
     if (!store) {
         std::cerr << "zub-collector: " << error << "\n";
         return 1;
@@ -121,7 +124,7 @@ int serve(ServeOptions options) {
     ready["event"] = "listening";
     ready["address"] = options.address;
     ready["port"] = port;
-    ready["db"] = options.dbPath;
+    ready["db"] = Database::displayName(options.dbPath);
     if (dashboard) {
         const std::string& host = options.dashboard.address;
         const bool v6 = host.find(':') != std::string::npos;
@@ -130,7 +133,7 @@ int serve(ServeOptions options) {
     std::printf("%s\n", ready.dump(-1, ' ', false, zub::Value::error_handler_t::replace).c_str());
     std::fflush(stdout);
     log.always("zub-collector listening on " + options.address + ":" + std::to_string(port) + ", database " +
-               options.dbPath + (config.empty() ? "" : ", configuration " + options.configPath) +
+               Database::displayName(options.dbPath) + (config.empty() ? "" : ", configuration " + options.configPath) +
                (options.faults.any() ? ", faults on" : "") +
                (dashboard ? ", dashboard on " + options.dashboard.address + ":" + std::to_string(dashboardPort) +
                                 (options.dashboard.token.empty() ? "" : " (token required)")
@@ -203,6 +206,8 @@ int main(int argc, char** argv) {
                 return runStats(line.stats, std::cout, std::cerr);
             case CommandLine::Command::Events:
                 return runEvents(line.events, std::cout, std::cerr);
+            case CommandLine::Command::Migrate:
+                return runMigrate(line.migrate, std::cout, std::cerr);
             case CommandLine::Command::Serve:
                 return serve(line.serve);
         }
