@@ -9,6 +9,8 @@
 #include "Model/ZUBSessionEvent.h"
 #include "Platform/Clock.h"
 
+#include <algorithm>
+
 ZUBEventLogic& ZUBEventLogic::getInstance() {
     static ZUBEventLogic* instance = new ZUBEventLogic();
     return *instance;
@@ -85,7 +87,9 @@ void ZUBEventLogic::assignFreeKey(ZUBProEvent& event) {
         for (ZUBEventDictionary* dict : {&store.toReportEvents(), &store.retryEvents()}) {
             if (auto held = dict->get(key); held && held.get() != &event) return true;
         }
-        return false;
+        // A key just delivered is taken too: the collector recognises a resent event
+        // by its key, and would take a new event under it for the old one.
+        return deliveredKeys_.contains(std::string_view(key));
     };
     if (!event.md5()) {
         const auto* session = event.type() == 2 ? dynamic_cast<const ZUBSessionEvent*>(&event) : nullptr;
@@ -101,6 +105,21 @@ void ZUBEventLogic::assignFreeKey(ZUBProEvent& event) {
             // from the taken one instead.
             event.setMd5(ZUBProHelper::md5encrypt(*event.md5() + "#" + std::to_string(attempt)));
         }
+    }
+}
+
+void ZUBEventLogic::rememberDelivered(const ZUBProEvent& event) {
+    // A key holds its event's second, so a key can come again only for an event of
+    // the same second: keys of the last few seconds suffice, up to a bound.
+    constexpr std::uint64_t kSeconds = 3;
+    constexpr std::size_t kMostKeys = 16384;
+    const std::uint64_t newest = std::max(event.ts(), delivered_.empty() ? 0 : delivered_.back().first);
+    delivered_.emplace_back(newest, *event.md5());
+    deliveredKeys_.insert(std::string_view(delivered_.back().second));
+    while (!delivered_.empty() &&
+           (delivered_.size() > kMostKeys || delivered_.front().first + kSeconds < newest)) {
+        deliveredKeys_.erase(std::string_view(delivered_.front().second));
+        delivered_.pop_front();
     }
 }
 

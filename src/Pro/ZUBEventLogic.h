@@ -45,9 +45,11 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 class ZUBProReachability;
@@ -124,8 +126,10 @@ private:
     void fileOnCallersThread();
     /// Events handed over but not yet filed, beyond which the caller files them.
     static constexpr std::size_t kMaxPendingEvents = 2048;
-    /// Gives the event a key no other held event has (lock held).
+    /// Gives the event a key no other held or just delivered event has (lock held).
     void assignFreeKey(ZUBProEvent& event);
+    /// Keeps a delivered event's key for a few seconds (lock held).
+    void rememberDelivered(const ZUBProEvent& event);
     // Journal steps; every one runs with eventListLock_ held.
     bool journalReady();
     void openJournal();
@@ -174,4 +178,8 @@ private:
     std::unordered_map<std::string, std::uint64_t> parkedKeys_;  // on disk until the next start
     std::uint64_t unreportedDrops_ = 0;
     bool journalWriteQueued_ = false;
+    // Keys delivered in the last seconds (second, key), oldest first, and a set of
+    // views of them; guarded by eventListLock_. A deque keeps its elements in place.
+    std::deque<std::pair<std::uint64_t, std::string>> delivered_;
+    std::unordered_set<std::string_view> deliveredKeys_;
 };

@@ -114,6 +114,7 @@ void ZUBEventLogic::doAfReceiveData(const std::optional<zub::Value>& reply) {
                     store.toReportEvents().erase(*event->md5());
                     store.retryEvents().erase(*event->md5());
                     journalRetire(*event->md5());
+                    rememberDelivered(*event);
                 }
                 sendingEvents_.clear();
                 // The collector is reachable: a good moment to say what was dropped.
