@@ -1,11 +1,19 @@
 #include "RequestDecoder.h"
 
 #include "Common/Network/ZUBWireCodec.h"
+#include "Common/ZUBProHelper.h"
 
 #include <limits>
+#include <set>
+#include <string_view>
 
 namespace zubcollector {
 namespace {
+
+// The keys every event carries around its own: who, when, which build, and the
+// bookkeeping of each sending.
+const std::set<std::string, std::less<>> kEnvelopeKeys = {"ky", "si", "ts", "cui", "cav", "ui",  "ifv", "ioa", "et",
+                                                          "mid", "sv", "av", "ch",  "ut",  "rt", "m5",  "idx", "mc"};
 
 constexpr std::size_t kMaxIdentifierLength = 256;
 
@@ -92,6 +100,19 @@ EventRecord eventRecordOf(const zub::Value& event) {
             identity.push_back(it == event.end() ? zub::Value(nullptr) : *it);
         }
         identity.push_back(*m5);
+        // Two different events of one second can come out with the same key once the
+        // first has left the library; what the event itself says (its identifier,
+        // pairs, duration, page...) tells them apart. The envelope is left out: it is
+        // written anew at each sending. So are a session event's own keys, which
+        // describe the device at the time of sending.
+        if (record.type != 2) {
+            zub::Value own = zub::Value::object();
+            for (const auto& [name, value] : event.items()) {
+                if (!kEnvelopeKeys.contains(name)) own[name] = value;
+            }
+            identity.push_back(
+                ZUBProHelper::md5encrypt(own.dump(-1, ' ', false, zub::Value::error_handler_t::replace)).value_or(""));
+        }
         record.key = identity.dump(-1, ' ', false, zub::Value::error_handler_t::replace);
     }
     record.json = event.dump(-1, ' ', false, zub::Value::error_handler_t::replace);
