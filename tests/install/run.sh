@@ -39,6 +39,9 @@ libdir=$(dirname "$(find "$prefix" -name 'libZUBCocoa.so' -print -quit)")
 # The programs run with a home of their own and talk to the installed collector.
 export HOME="$work/home"
 unset XDG_CONFIG_HOME XDG_DATA_HOME XDG_DOCUMENTS_DIR
+# The files exist before the collector starts, so the first read never races its start.
+: >"$work/collector.out"
+: >"$work/collector.log"
 "$prefix/bin/zub-collector" --port 0 --db "$work/collector.db" --quiet >"$work/collector.out" 2>"$work/collector.log" &
 collector=$!
 trap 'kill -TERM $collector 2>/dev/null || true; wait $collector 2>/dev/null || true' EXIT
