@@ -75,6 +75,7 @@
 namespace zub {
 
 class Coder;
+struct PackedFields;
 
 /// Base of every class whose instances can be archived.
 class ZUB_EXPORT Archivable {
@@ -205,8 +206,18 @@ public:
 
 private:
     friend struct ArchiveAccess;
+    friend struct PackedAccess;
     Coder(bool decoding, Value* out, const Value* in, std::string className, int depth)
         : decoding_(decoding), out_(out), in_(in), className_(std::move(className)), depth_(depth) {}
+    // A coder of the packed form, the library's compact record of one object.
+    Coder(Data* packedOut, const PackedFields* packedIn, std::string className)
+        : decoding_(packedIn != nullptr),
+          out_(nullptr),
+          in_(nullptr),
+          className_(std::move(className)),
+          depth_(0),
+          packedOut_(packedOut),
+          packedIn_(packedIn) {}
 
     void encodeDictionaryEntries(const std::vector<std::pair<std::string, const Archivable*>>& entries,
                                  const std::string& key);
@@ -214,12 +225,15 @@ private:
     void put(const std::string& key, const char* kind, Value payload);
     const Value* field(const std::string& key, std::string& kind) const;
     bool encodingAllowed(const std::string& key) const;
+    bool refusePacked(const std::string& key) const;
 
     const bool decoding_;
     Value* const out_;       // encoding: the fields object being built
     const Value* const in_;  // decoding: the fields object being read
     const std::string className_;
     const int depth_;
+    Data* const packedOut_ = nullptr;               // encoding into the packed form
+    const PackedFields* const packedIn_ = nullptr;  // decoding from the packed form
     mutable bool failed_ = false;
     mutable std::string reason_;
 };

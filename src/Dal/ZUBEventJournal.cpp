@@ -4,6 +4,7 @@
 #include "Dal/ZUBJournalFormat.h"
 #include "Model/ZUBEventClasses.h"
 #include "Platform/FileIO.h"
+#include "Platform/PackedArchive.h"
 
 #include <ZUBCocoa/ZUBArchiving.h>
 
@@ -151,6 +152,7 @@ bool ZUBEventJournal::open(std::vector<LiveEntry>& live, std::uint64_t& unreport
         const fmt::ScanResult scan = fmt::scanSegment(bytes->data(), bytes->size(), [&](const fmt::RecordView& r) {
             switch (r.kind) {
                 case fmt::RecordKind::Add:
+                case fmt::RecordKind::Packed:
                     if (auto add = fmt::decodeAdd(r.payload, r.payloadSize)) {
                         found[add->seq] = Found{number, static_cast<std::uint32_t>(r.offset),
                                                 static_cast<std::uint32_t>(r.size), std::move(add->md5)};
@@ -423,8 +425,16 @@ std::optional<std::uint64_t> ZUBEventJournal::append(const ZUBProEvent& event, P
     add.md5 = *event.md5();
     add.appkey = event.appkey();
     add.timeStr = event.timeStr();
-    add.archive = zub::KeyedArchiver::archivedDataWithRootObject(event);
-    if (add.archive.empty()) return std::nullopt;
+    // The packed form where the event allows it (every class of the library's
+    // own does); the keyed archive for a class that nests objects.
+    std::string why;
+    if (auto packed = zub::packed::pack(event, why)) {
+        add.archive = std::move(*packed);
+        add.packed = true;
+    } else {
+        add.archive = zub::KeyedArchiver::archivedDataWithRootObject(event);
+        if (add.archive.empty()) return std::nullopt;
+    }
     zub::Data record;
     fmt::appendAdd(record, add);
     std::uint64_t segment = 0;
@@ -490,10 +500,12 @@ std::optional<ZUBEventJournal::Restored> ZUBEventJournal::read(Entry& entry) {
         zub::Data framed = fmt::segmentHeader();
         framed.insert(framed.end(), bytes.begin(), bytes.end());
         fmt::scanSegment(framed.data(), framed.size(), [&](const fmt::RecordView& r) {
-            if (r.kind != fmt::RecordKind::Add) return;
-            auto add = fmt::decodeAdd(r.payload, r.payloadSize);
+            if (r.kind != fmt::RecordKind::Add && r.kind != fmt::RecordKind::Packed) return;
+            auto add = fmt::decodeAdd(r.payload, r.payloadSize, r.kind == fmt::RecordKind::Packed);
             if (!add || add->seq != entry.seq) return;
-            auto event = zub::KeyedUnarchiver::unarchiveObjectWithData<ZUBProEvent>(add->archive);
+            auto event = add->packed
+                             ? zub::packed::unpack<ZUBProEvent>(add->archive.data(), add->archive.size())
+                             : zub::KeyedUnarchiver::unarchiveObjectWithData<ZUBProEvent>(add->archive);
             if (!event) return;
             // The archive leaves these out on purpose; the journal brings the
             // event back as it was filed.

@@ -29,6 +29,10 @@ void putString(Data& out, const std::optional<std::string>& s) {
     out.insert(out.end(), s->begin(), s->end());
 }
 
+std::uint16_t version(const std::uint8_t* header) {
+    return static_cast<std::uint16_t>(header[4] | header[5] << 8);
+}
+
 std::uint32_t readU32(const std::uint8_t* p) {
     return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
            static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
@@ -112,7 +116,7 @@ void appendAdd(Data& out, const AddRecord& record) {
     putString(out, record.timeStr);
     putU32(out, static_cast<std::uint32_t>(record.archive.size()));
     out.insert(out.end(), record.archive.begin(), record.archive.end());
-    closeFrame(out, start, RecordKind::Add);
+    closeFrame(out, start, record.packed ? RecordKind::Packed : RecordKind::Add);
 }
 
 void appendRetire(Data& out, const std::vector<std::uint64_t>& seqs) {
@@ -131,9 +135,11 @@ void appendDrops(Data& out, std::uint64_t count) {
 ScanResult scanSegment(const std::uint8_t* data, std::size_t size,
                        const std::function<void(const RecordView&)>& visit) {
     ScanResult result;
-    if (size < kHeaderSize || std::memcmp(data, kMagic, 4) != 0 || (data[4] | data[5] << 8) != kVersion) {
+    if (size < kHeaderSize || std::memcmp(data, kMagic, 4) != 0 || version(data) < kOldestVersion ||
+        version(data) > kVersion) {
         return result;
     }
+    const std::uint8_t lastKind = version(data) >= 2 ? 4 : 3;
     result.headerValid = true;
     std::size_t offset = kHeaderSize;
     result.validEnd = offset;
@@ -143,7 +149,7 @@ ScanResult scanSegment(const std::uint8_t* data, std::size_t size,
         const std::uint32_t crc = readU32(data + offset + 4);
         const std::size_t recordSize = kFrameSize + length;
         const std::uint8_t kind = data[offset + 8];
-        if (checksum(data + offset + 8, length + 1) != crc || kind < 1 || kind > 3) {
+        if (checksum(data + offset + 8, length + 1) != crc || kind < 1 || kind > lastKind) {
             ++result.skippedRecords;
         } else {
             visit(RecordView{offset, recordSize, static_cast<RecordKind>(kind), data + offset + kFrameSize, length});
@@ -154,9 +160,10 @@ ScanResult scanSegment(const std::uint8_t* data, std::size_t size,
     return result;
 }
 
-std::optional<AddRecord> decodeAdd(const std::uint8_t* payload, std::size_t size) {
+std::optional<AddRecord> decodeAdd(const std::uint8_t* payload, std::size_t size, bool packed) {
     Reader in(payload, size);
     AddRecord record;
+    record.packed = packed;
     record.seq = in.u(8);
     auto md5 = in.string();
     record.appkey = in.string();

@@ -1,11 +1,15 @@
 // The byte layout of the event journal's segment files.
 //
 // A segment starts with an 8-byte header: "ZUBJ", the format version (16-bit
-// little-endian) and two reserved bytes. Records follow, each framed as
+// little-endian) and two reserved bytes. Versions 1 and 2 are read; version 1
+// has no Packed records. Records follow, each framed as
 //   u32 payload length | u32 CRC-32 of (kind byte + payload) | u8 kind | payload
 // with little-endian integers. Kinds:
 //   Add    (1): u64 seq, the event's identity key, its appkey and timeStr (which
 //               its archive does not restore) and the keyed archive of the event;
+//   Packed (4): the same with the event's packed form (Platform/PackedArchive.h)
+//               in place of the keyed archive, for events of plain fields: a
+//               fraction of the cost to write and to read back (version 2 on);
 //   Retire (2): u32 count, then that many u64 seqs: events acknowledged or
 //               dropped for good;
 //   Drops  (3): u64 the number of dropped events not yet reported.
@@ -27,11 +31,12 @@ namespace zub::journal {
 
 constexpr std::size_t kHeaderSize = 8;
 constexpr std::size_t kFrameSize = 9;  // length, checksum, kind
-constexpr std::uint16_t kVersion = 1;
+constexpr std::uint16_t kVersion = 2;
+constexpr std::uint16_t kOldestVersion = 1;
 /// No record is larger; a bigger length can only be damage.
 constexpr std::uint32_t kMaxPayload = 16u << 20;
 
-enum class RecordKind : std::uint8_t { Add = 1, Retire = 2, Drops = 3 };
+enum class RecordKind : std::uint8_t { Add = 1, Retire = 2, Drops = 3, Packed = 4 };
 
 struct AddRecord {
     std::uint64_t seq = 0;
@@ -39,6 +44,7 @@ struct AddRecord {
     std::optional<std::string> appkey;
     std::optional<std::string> timeStr;
     Data archive;
+    bool packed = false;  ///< `archive` holds the packed form (a Packed record)
 };
 
 Data segmentHeader();
@@ -66,7 +72,8 @@ struct ScanResult {
 /// checksum, in file order. Never reads outside [data, data + size).
 ScanResult scanSegment(const std::uint8_t* data, std::size_t size, const std::function<void(const RecordView&)>& visit);
 
-std::optional<AddRecord> decodeAdd(const std::uint8_t* payload, std::size_t size);
+/// The payload of an Add or Packed record (`packed` tells which it came from).
+std::optional<AddRecord> decodeAdd(const std::uint8_t* payload, std::size_t size, bool packed = false);
 std::optional<std::vector<std::uint64_t>> decodeRetire(const std::uint8_t* payload, std::size_t size);
 std::optional<std::uint64_t> decodeDrops(const std::uint8_t* payload, std::size_t size);
 

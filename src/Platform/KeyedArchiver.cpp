@@ -2,6 +2,7 @@
 
 #include "Common/ZUBProHelper.h"
 #include "Platform/Cbor.h"
+#include "Platform/PackedArchive.h"
 
 #include <cmath>
 #include <limits>
@@ -50,6 +51,27 @@ std::uint64_t saturatingUnsigned(double d) {
 
 }  // namespace
 
+std::optional<std::string> archiveNameOf(const Archivable& object, std::string& why) {
+    std::string name;
+    try {
+        name = object.className();
+    } catch (...) {
+        why = "className() threw";
+        return std::nullopt;
+    }
+    // A subclass registered through registerType but not overriding className()
+    // would otherwise be archived (and restored) as its base class.
+    if (auto registered = ArchiveRegistry::renameFor(name, std::type_index(typeid(object)))) {
+        ZUBProHelper::LogDebug("[WARN] archiving %@ under its registered name %@", name, *registered);
+        name = *registered;
+    }
+    if (name.empty()) {
+        why = "empty class name";
+        return std::nullopt;
+    }
+    return name;
+}
+
 // Private access for the archiver and unarchiver.
 struct ArchiveAccess {
     // Encodes one object into OBJECT form; false (with a reason) on failure.
@@ -58,23 +80,9 @@ struct ArchiveAccess {
             why = "objects nested deeper than " + std::to_string(kMaxObjectDepth);
             return false;
         }
-        std::string name;
-        try {
-            name = object.className();
-        } catch (...) {
-            why = "className() threw";
-            return false;
-        }
-        // A subclass registered through registerType but not overriding className()
-        // would otherwise be archived (and restored) as its base class.
-        if (auto registered = ArchiveRegistry::renameFor(name, std::type_index(typeid(object)))) {
-            ZUBProHelper::LogDebug("[WARN] archiving %@ under its registered name %@", name, *registered);
-            name = *registered;
-        }
-        if (name.empty()) {
-            why = "empty class name";
-            return false;
-        }
+        auto archiveName = archiveNameOf(object, why);
+        if (!archiveName) return false;
+        const std::string& name = *archiveName;
         Value fields = Value::object();
         Coder coder(false, &fields, nullptr, name, depth);
         try {
@@ -140,7 +148,7 @@ struct ArchiveAccess {
 // ---------------------------------------------------------------- Coder: encoding
 
 bool Coder::encodingAllowed(const std::string& key) const {
-    if (decoding_ || out_ == nullptr) {
+    if (decoding_ || (out_ == nullptr && packedOut_ == nullptr)) {
         failWithReason("encoding \"" + key + "\" on a decoding coder");
         return false;
     }
@@ -149,6 +157,10 @@ bool Coder::encodingAllowed(const std::string& key) const {
 
 void Coder::put(const std::string& key, const char* kind, Value payload) {
     if (!encodingAllowed(key)) return;
+    if (packedOut_ != nullptr) {
+        if (!packed::writeField(*packedOut_, key, kind[0], payload)) failWithReason("field \"" + key + "\" cannot be packed");
+        return;
+    }
     Value field = Value::array();
     field.push_back(kind);
     field.push_back(std::move(payload));
@@ -160,7 +172,12 @@ void Coder::encodeObject(const Value& object, const std::string& key) {
 }
 
 void Coder::encodeString(const std::optional<std::string>& string, const std::string& key) {
-    if (string) put(key, "v", *string);
+    if (!string) return;
+    if (packedOut_ != nullptr && !decoding_) {
+        if (!packed::writeText(*packedOut_, key, *string)) failWithReason("field \"" + key + "\" cannot be packed");
+        return;
+    }
+    put(key, "v", *string);
 }
 
 void Coder::encodeInt64(std::int64_t value, const std::string& key) {
@@ -181,6 +198,7 @@ void Coder::encodeDouble(double value, const std::string& key) {
 
 void Coder::encodeArchivable(const Archivable& object, const std::string& key) {
     if (!encodingAllowed(key)) return;
+    if (refusePacked(key)) return;
     Value node;
     std::string why;
     if (!ArchiveAccess::encodeObject(object, depth_ + 1, node, why)) {
@@ -197,6 +215,7 @@ void Coder::encodeArchivable(const std::shared_ptr<const Archivable>& object, co
 void Coder::encodeDictionaryEntries(const std::vector<std::pair<std::string, const Archivable*>>& entries,
                                     const std::string& key) {
     if (!encodingAllowed(key)) return;
+    if (refusePacked(key)) return;
     Value nodes = Value::object();
     for (const auto& [k, object] : entries) {
         if (object == nullptr) continue;
@@ -213,6 +232,7 @@ void Coder::encodeDictionaryEntries(const std::vector<std::pair<std::string, con
 
 void Coder::encodeArrayItems(const std::vector<const Archivable*>& items, const std::string& key) {
     if (!encodingAllowed(key)) return;
+    if (refusePacked(key)) return;
     Value nodes = Value::array();
     for (const Archivable* object : items) {
         if (object == nullptr) continue;
@@ -227,6 +247,12 @@ void Coder::encodeArrayItems(const std::vector<const Archivable*>& items, const 
     put(key, "A", std::move(nodes));
 }
 
+bool Coder::refusePacked(const std::string& key) const {
+    if (packedOut_ == nullptr) return false;
+    failWithReason("nested objects under \"" + key + "\" are kept only in keyed archives");
+    return true;
+}
+
 void Coder::failWithReason(const std::string& reason) const {
     if (failed_) return;
     failed_ = true;
@@ -236,6 +262,12 @@ void Coder::failWithReason(const std::string& reason) const {
 // ---------------------------------------------------------------- Coder: decoding
 
 const Value* Coder::field(const std::string& key, std::string& kind) const {
+    if (packedIn_ != nullptr) {
+        char packedKind = 'v';
+        const Value* payload = packed::findField(*packedIn_, key, packedKind);
+        kind.assign(1, packedKind);
+        return payload;
+    }
     if (!decoding_ || in_ == nullptr) {
         failWithReason("decoding \"" + key + "\" on an encoding coder");
         return nullptr;
@@ -251,6 +283,8 @@ const Value* Coder::field(const std::string& key, std::string& kind) const {
 }
 
 bool Coder::containsValueForKey(const std::string& key) const {
+    char kind = 'v';
+    if (packedIn_ != nullptr) return packed::findField(*packedIn_, key, kind) != nullptr;
     return decoding_ && in_ != nullptr && in_->contains(key);
 }
 
