@@ -1,5 +1,7 @@
 #include "Dal/ZUBJournalFormat.h"
 
+#include "Platform/ByteCursor.h"
+
 #include <zlib.h>
 
 #include <cstring>
@@ -11,14 +13,13 @@ constexpr std::uint8_t kMagic[4] = {'Z', 'U', 'B', 'J'};
 constexpr std::uint16_t kAbsent = 0xFFFF;
 
 void putU16(Data& out, std::uint16_t v) {
-    out.push_back(static_cast<std::uint8_t>(v));
-    out.push_back(static_cast<std::uint8_t>(v >> 8));
+    putLittleEndian(out, v, 2);
 }
 void putU32(Data& out, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+    putLittleEndian(out, v, 4);
 }
 void putU64(Data& out, std::uint64_t v) {
-    for (int i = 0; i < 8; ++i) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+    putLittleEndian(out, v, 8);
 }
 void putString(Data& out, const std::optional<std::string>& s) {
     if (!s || s->size() >= kAbsent) {
@@ -62,41 +63,18 @@ std::size_t openFrame(Data& out) {
 }
 
 // A bounds-checked reader over one payload.
-class Reader {
+class Reader : public ByteCursor {
 public:
-    Reader(const std::uint8_t* data, std::size_t size) : p_(data), end_(data + size) {}
-    bool ok() const { return ok_; }
-    bool atEnd() const { return p_ == end_; }
-    std::uint64_t u(int bytes) {
-        if (!need(static_cast<std::size_t>(bytes))) return 0;
-        std::uint64_t v = 0;
-        for (int i = 0; i < bytes; ++i) v |= static_cast<std::uint64_t>(p_[i]) << (8 * i);
-        p_ += bytes;
-        return v;
-    }
+    using ByteCursor::ByteCursor;
+    std::uint64_t u(int bytes) { return le(bytes); }
+    /// A u16-length string; 0xFFFF is an absent one.
     std::optional<std::string> string() {
-        const auto length = static_cast<std::uint16_t>(u(2));
-        if (!ok_ || length == kAbsent) return std::nullopt;
-        if (!need(length)) return std::nullopt;
-        std::string s(reinterpret_cast<const char*>(p_), length);
-        p_ += length;
-        return s;
+        const auto length = static_cast<std::uint16_t>(le(2));
+        if (!ok() || length == kAbsent) return std::nullopt;
+        const std::string_view text = view(length);
+        if (!ok()) return std::nullopt;
+        return std::string(text);
     }
-    Data bytes(std::size_t n) {
-        if (!need(n)) return {};
-        Data d(p_, p_ + n);
-        p_ += n;
-        return d;
-    }
-
-private:
-    bool need(std::size_t n) {
-        if (!ok_ || static_cast<std::size_t>(end_ - p_) < n) ok_ = false;
-        return ok_;
-    }
-    const std::uint8_t* p_;
-    const std::uint8_t* end_;
-    bool ok_ = true;
 };
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "Platform/PackedArchive.h"
 
 #include "Common/ZUBProHelper.h"
+#include "Platform/ByteCursor.h"
 #include "Platform/Cbor.h"
 
 #include <bit>
@@ -14,17 +15,13 @@ namespace {
 constexpr std::uint8_t kPackedVersion = 1;
 constexpr std::size_t kMaxKey = std::numeric_limits<std::uint16_t>::max();
 
-void putLE(Data& out, std::uint64_t v, int bytes) {
-    for (int i = 0; i < bytes; ++i) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-}
-
 void putBytes(Data& out, const void* p, std::size_t n) {
     const auto* b = static_cast<const std::uint8_t*>(p);
     out.insert(out.end(), b, b + n);
 }
 
 void putKey(Data& out, const std::string& key, char kind, char form) {
-    putLE(out, key.size(), 2);
+    putLittleEndian(out, key.size(), 2);
     putBytes(out, key.data(), key.size());
     out.push_back(static_cast<std::uint8_t>(kind));
     out.push_back(static_cast<std::uint8_t>(form));
@@ -32,43 +29,12 @@ void putKey(Data& out, const std::string& key, char kind, char form) {
 
 void putText(Data& out, const std::string& key, char kind, const std::string& text) {
     putKey(out, key, kind, 'S');
-    putLE(out, text.size(), 4);
+    putLittleEndian(out, text.size(), 4);
     putBytes(out, text.data(), text.size());
 }
 
-// A bounds-checked cursor over packed bytes.
-class Cursor {
-public:
-    Cursor(const std::uint8_t* data, std::size_t size) : p_(data), end_(data + size) {}
-    bool ok() const { return ok_; }
-    bool atEnd() const { return p_ == end_; }
-    std::uint64_t remaining() const { return static_cast<std::uint64_t>(end_ - p_); }
-    std::uint64_t le(int bytes) {
-        if (!need(static_cast<std::size_t>(bytes))) return 0;
-        std::uint64_t v = 0;
-        for (int i = 0; i < bytes; ++i) v |= static_cast<std::uint64_t>(p_[i]) << (8 * i);
-        p_ += bytes;
-        return v;
-    }
-    std::string_view view(std::size_t n) {
-        if (!need(n)) return {};
-        std::string_view v(reinterpret_cast<const char*>(p_), n);
-        p_ += n;
-        return v;
-    }
-
-private:
-    bool need(std::size_t n) {
-        if (!ok_ || static_cast<std::size_t>(end_ - p_) < n) ok_ = false;
-        return ok_;
-    }
-    const std::uint8_t* p_;
-    const std::uint8_t* end_;
-    bool ok_ = true;
-};
-
 // Reads one field's payload by its form; false for an unknown form or damage.
-bool readPayload(Cursor& in, char form, Value& out) {
+bool readPayload(ByteCursor& in, char form, Value& out) {
     switch (form) {
         case 'S': {
             const auto n = static_cast<std::size_t>(in.le(4));
@@ -122,10 +88,10 @@ struct PackedAccess {
         Data out;
         out.reserve(512);
         out.push_back(kPackedVersion);
-        putLE(out, name->size(), 2);
+        putLittleEndian(out, name->size(), 2);
         putBytes(out, name->data(), name->size());
         const std::size_t lengthAt = out.size();
-        putLE(out, 0, 4);  // the fields' length, known once they are written
+        putLittleEndian(out, 0, 4);  // the fields' length, known once they are written
         Coder coder(&out, nullptr, *name);
         try {
             object.encodeWithCoder(coder);
@@ -144,7 +110,7 @@ struct PackedAccess {
     }
 
     static std::shared_ptr<Archivable> unpack(const std::uint8_t* data, std::size_t size, std::string& why) {
-        Cursor in(data, size);
+        ByteCursor in(data, size);
         if (in.le(1) != kPackedVersion || !in.ok()) {
             why = "not a packed object";
             return nullptr;
@@ -215,11 +181,11 @@ bool writeField(Data& out, const std::string& key, char kind, const Value& paylo
             return true;
         case Value::value_t::number_integer:
             putKey(out, key, kind, 'I');
-            putLE(out, static_cast<std::uint64_t>(payload.get<std::int64_t>()), 8);
+            putLittleEndian(out, static_cast<std::uint64_t>(payload.get<std::int64_t>()), 8);
             return true;
         case Value::value_t::number_unsigned:
             putKey(out, key, kind, 'U');
-            putLE(out, payload.get<std::uint64_t>(), 8);
+            putLittleEndian(out, payload.get<std::uint64_t>(), 8);
             return true;
         case Value::value_t::boolean:
             putKey(out, key, kind, 'B');
@@ -227,13 +193,13 @@ bool writeField(Data& out, const std::string& key, char kind, const Value& paylo
             return true;
         case Value::value_t::number_float:
             putKey(out, key, kind, 'F');
-            putLE(out, std::bit_cast<std::uint64_t>(payload.get<double>()), 8);
+            putLittleEndian(out, std::bit_cast<std::uint64_t>(payload.get<double>()), 8);
             return true;
         default: {
             const Data cbor = Cbor::encode(payload);
             if (cbor.empty()) return false;
             putKey(out, key, kind, 'C');
-            putLE(out, cbor.size(), 4);
+            putLittleEndian(out, cbor.size(), 4);
             putBytes(out, cbor.data(), cbor.size());
             return true;
         }

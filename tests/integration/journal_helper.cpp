@@ -4,7 +4,8 @@
 //   journal_helper track REPORT_URL MID_URL FIRST BURST BURSTS
 //       starts, then tracks BURSTS bursts of BURST custom events "j" with unique
 //       {"id": FIRST, FIRST+1, ...}; after each burst it waits until the library
-//       has filed the burst and prints "durable LAST_ID"; "done" at the end
+//       has filed the burst and prints "durable LAST_ID"; "done" at the end, then
+//       waits for its input to close
 //   journal_helper terminate REPORT_URL MID_URL N
 //       starts, tracks N events "j" {"id": 0..N-1}, calls the terminate handler,
 //       prints "terminated" and returns from main at once
@@ -49,6 +50,10 @@ int main(int argc, char** argv) {
             say("durable " + std::to_string(id - 1));
         }
         say("done");
+        // A test that kills it may read its lines later than it writes them: it
+        // stays until its input closes, so a kill never finds it gone.
+        while (std::getchar() != EOF) {
+        }
         return 0;
     }
     if (mode == "terminate" && argc >= 5) {
