@@ -5,7 +5,6 @@
 #include "Platform/Cbor.h"
 
 #include <bit>
-#include <cstring>
 #include <limits>
 
 namespace zub {
