@@ -25,10 +25,10 @@ namespace fmt = zub::journal;
 using zub::writeAll;
 
 constexpr const char* kSuffix = ".zjl";
-constexpr std::uint64_t kMinSegment = 64 * 1024;
-constexpr std::uint64_t kMaxSegment = 4 * 1024 * 1024;
+constexpr std::uint64_t kMinSegment = std::uint64_t{64} << 10;
+constexpr std::uint64_t kMaxSegment = std::uint64_t{4} << 20;
 // Buffered records are handed to the kernel at the latest when this much waits.
-constexpr std::size_t kWriteChunk = 64 * 1024;
+constexpr std::size_t kWriteChunk = std::size_t{64} << 10;
 
 std::string_view errorText(int error) {
     return std::strerror(error);

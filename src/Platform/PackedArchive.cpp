@@ -78,20 +78,21 @@ bool knownKind(char kind) {
 // Private access for packing and unpacking.
 struct PackedAccess {
     static std::optional<Data> pack(const Archivable& object, std::string& why) {
-        auto name = archiveNameOf(object, why);
-        if (!name) return std::nullopt;
-        if (name->size() > kMaxKey) {
+        const std::optional<std::string> archiveName = archiveNameOf(object, why);
+        if (!archiveName) return std::nullopt;
+        const std::string& name = *archiveName;
+        if (name.size() > kMaxKey) {
             why = "class name too long to pack";
             return std::nullopt;
         }
         Data out;
         out.reserve(512);
         out.push_back(kPackedVersion);
-        putLittleEndian(out, name->size(), 2);
-        putBytes(out, name->data(), name->size());
+        putLittleEndian(out, name.size(), 2);
+        putBytes(out, name.data(), name.size());
         const std::size_t lengthAt = out.size();
         putLittleEndian(out, 0, 4);  // the fields' length, known once they are written
-        Coder coder(&out, nullptr, *name);
+        Coder coder(&out, nullptr, name);
         try {
             object.encodeWithCoder(coder);
         } catch (const std::exception& e) {
