@@ -213,10 +213,12 @@ bool writeText(Data& out, const std::string& key, const std::string& text) {
 }
 
 const Value* findField(const PackedFields& in, const std::string& key, char& kind) {
-    for (const auto& field : in.fields) {
-        if (field.key == key) {
-            kind = field.kind;
-            return &field.payload;
+    // The last field under a key counts, as in a keyed archive, where a key
+    // encoded again (a subclass overriding its base's field) replaces the first.
+    for (auto field = in.fields.rbegin(); field != in.fields.rend(); ++field) {
+        if (field->key == key) {
+            kind = field->kind;
+            return &field->payload;
         }
     }
     return nullptr;

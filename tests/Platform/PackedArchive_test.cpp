@@ -70,6 +70,18 @@ public:
     std::shared_ptr<ZUBPageEvent> inner_ = std::make_shared<ZUBPageEvent>();
 };
 
+// An event class that encodes a base field again, with a value of its own.
+class OverridingEvent : public ZUBProEvent {
+public:
+    OverridingEvent() = default;
+    explicit OverridingEvent(const zub::Coder& c) : ZUBProEvent(c) {}
+    std::string className() const override { return "PackedTestOverridingEvent"; }
+    void encodeWithCoder(zub::Coder& c) const override {
+        ZUBProEvent::encodeWithCoder(c);
+        c.encodeInt64(42, "type");
+    }
+};
+
 }  // namespace
 
 TEST(PackedArchive, EveryEventClassComesBackFieldForFieldAndDamageGivesNothing) {
@@ -96,6 +108,19 @@ TEST(PackedArchive, EveryEventClassComesBackFieldForFieldAndDamageGivesNothing) 
             (void)zub::packed::unpack(flipped.data(), flipped.size());
         }
     }
+
+    // A key encoded twice reads back as its last value, as from a keyed archive.
+    zub::ArchiveRegistry::registerType<OverridingEvent>("PackedTestOverridingEvent");
+    auto overriding = stamped(std::make_shared<OverridingEvent>(), 9);
+    std::string why;
+    const auto packed = zub::packed::pack(*overriding, why);
+    ASSERT_TRUE(packed) << why;
+    auto fromPacked = zub::packed::unpack<ZUBProEvent>(packed->data(), packed->size());
+    auto fromKeyed = zub::KeyedUnarchiver::unarchiveObjectWithData<ZUBProEvent>(
+        zub::KeyedArchiver::archivedDataWithRootObject(*overriding));
+    ASSERT_TRUE(fromPacked && fromKeyed);
+    EXPECT_EQ(fromKeyed->type(), 42);
+    EXPECT_EQ(fromPacked->type(), 42);
 }
 
 TEST(PackedArchive, NestedObjectsStayInKeyedArchivesAndOldJournalsStillOpen) {
