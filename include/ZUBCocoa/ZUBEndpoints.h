@@ -30,14 +30,15 @@ struct Endpoints {
 
 /// Sets both URLs. Each must be an absolute http:// or https:// URL with a host;
 /// when either is not (or is absent: a null pointer), the call is logged to the
-/// debug log and changes nothing.
-ZUB_EXPORT void setEndpoints(OptionalText reportURL, OptionalText midURL);
+/// debug log, changes nothing and returns false.
+ZUB_EXPORT bool setEndpoints(OptionalText reportURL, OptionalText midURL);
 
 /// Sets both URLs for a collector that serves both protocols at one address:
 /// `baseURL` is "http://host:port" (or https, a trailing "/" is allowed), and the
 /// URLs become baseURL + "/mstat/report" and baseURL + "/?t=ios&ver=2.0".
-/// A base URL with a path, query or no host is logged and changes nothing.
-ZUB_EXPORT void setCollectorAddress(OptionalText baseURL);
+/// A base URL with a path, query or no host is logged, changes nothing and
+/// returns false.
+ZUB_EXPORT bool setCollectorAddress(OptionalText baseURL);
 
 /// The URLs in force now.
 ZUB_EXPORT Endpoints endpoints();

@@ -38,17 +38,10 @@ zub_status setText(const char* function, const char* what, const char* text, Cal
     });
 }
 
-// The URL without one trailing "/", as setCollectorAddress takes its base.
-std::string withoutTrailingSlash(std::string url) {
-    if (!url.empty() && url.back() == '/') url.pop_back();
-    return url;
-}
-
-// The endpoint setters log and keep what is in force when a URL is unusable;
-// whether the given URLs are now in force tells which happened.
-zub_status endpointsTaken(const char* function, const std::string& reportURL, const std::string& midURL) {
-    const zub::Endpoints now = zub::endpoints();
-    if (now.reportURL == reportURL && now.midURL == midURL) return ZUB_OK;
+// The endpoint setters log and keep what is in force when a URL is unusable,
+// and say whether they took the URLs.
+zub_status endpointsTaken(const char* function, bool taken) {
+    if (taken) return ZUB_OK;
     return refuse(function, ZUB_ERR_INVALID_ARGUMENT, "not an http(s) URL with a host; endpoints not changed");
 }
 
@@ -112,8 +105,7 @@ zub_status zub_set_endpoints(const char* report_url, const char* mid_url) {
         std::string mid;
         if (const zub_status s = requiredText(fn, "report_url", report_url, report); s != ZUB_OK) return s;
         if (const zub_status s = requiredText(fn, "mid_url", mid_url, mid); s != ZUB_OK) return s;
-        zub::setEndpoints(report, mid);
-        return endpointsTaken(fn, report, mid);
+        return endpointsTaken(fn, zub::setEndpoints(report, mid));
     });
 }
 
@@ -122,9 +114,7 @@ zub_status zub_set_collector_address(const char* base_url) {
     return guarded(fn, [&] {
         std::string base;
         if (const zub_status s = requiredText(fn, "base_url", base_url, base); s != ZUB_OK) return s;
-        zub::setCollectorAddress(base);
-        base = withoutTrailingSlash(std::move(base));
-        return endpointsTaken(fn, base + "/mstat/report", base + "/?t=ios&ver=2.0");
+        return endpointsTaken(fn, zub::setCollectorAddress(base));
     });
 }
 

@@ -158,7 +158,9 @@ bool Coder::encodingAllowed(const std::string& key) const {
 void Coder::put(const std::string& key, const char* kind, Value payload) {
     if (!encodingAllowed(key)) return;
     if (packedOut_ != nullptr) {
-        if (!packed::writeField(*packedOut_, key, kind[0], payload)) failWithReason("field \"" + key + "\" cannot be packed");
+        if (!packed::writeField(*packedOut_, key, kind[0], payload)) {
+            failWithReason("field \"" + key + "\" cannot be packed");
+        }
         return;
     }
     Value field = Value::array();

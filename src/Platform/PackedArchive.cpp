@@ -105,7 +105,7 @@ struct PackedAccess {
             return std::nullopt;
         }
         const std::uint64_t length = out.size() - lengthAt - 4;
-        for (int i = 0; i < 4; ++i) out[lengthAt + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(length >> (8 * i));
+        for (std::size_t i = 0; i < 4; ++i) out[lengthAt + i] = static_cast<std::uint8_t>(length >> (8 * i));
         return out;
     }
 

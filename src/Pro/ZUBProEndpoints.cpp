@@ -54,24 +54,25 @@ bool isUsableURL(std::string_view url) {
 
 namespace zub {
 
-void setEndpoints(OptionalText reportText, OptionalText midText) {
-    zubGuarded("setEndpoints", [&] {
+bool setEndpoints(OptionalText reportText, OptionalText midText) {
+    return zubGuarded("setEndpoints", [&] {
         const std::string reportURL = reportText.text().value_or("");
         const std::string midURL = midText.text().value_or("");
         if (!isUsableURL(reportURL) || !isUsableURL(midURL)) {
             ZUBProHelper::LogDebug("[ERROR]endpoints not changed: %@ and %@ must both be http(s) URLs with a host",
                                    reportURL, midURL);
-            return;
+            return false;
         }
         ZUBProConfig& config = ZUBProConfig::getInstance();
         config.setReportURL(reportURL);
         config.setMidURL(midURL);
         ZUBProHelper::LogDebug("report endpoint %@, identifier endpoint %@", reportURL, midURL);
+        return true;
     });
 }
 
-void setCollectorAddress(OptionalText baseText) {
-    zubGuarded("setCollectorAddress", [&] {
+bool setCollectorAddress(OptionalText baseText) {
+    return zubGuarded("setCollectorAddress", [&] {
         const std::string baseURL = baseText.text().value_or("");
         std::string_view base = baseURL;
         if (!base.empty() && base.back() == '/') base.remove_suffix(1);
@@ -80,9 +81,10 @@ void setCollectorAddress(OptionalText baseText) {
         if (!isUsableURL(base) || schemeLength(base) + authority.size() != base.size()) {
             ZUBProHelper::LogDebug("[ERROR]endpoints not changed: %@ is not a collector address like http://host:port",
                                    baseURL);
-            return;
+            return false;
         }
-        setEndpoints(std::string(base) + std::string(kReportPath), std::string(base) + std::string(kMidPathAndQuery));
+        return setEndpoints(std::string(base) + std::string(kReportPath),
+                            std::string(base) + std::string(kMidPathAndQuery));
     });
 }
 

@@ -30,7 +30,8 @@ TEST(ZUBProEndpoints, SetsBothURLsAndRefusesWhatIsNoHttpURL) {
     EXPECT_EQ(builtIn.reportURL.rfind("http://", 0), 0u) << builtIn.reportURL;
     EXPECT_NE(builtIn.reportURL.find("/mstat/report"), std::string::npos);
 
-    zub::setEndpoints("https://stats.example.com/mstat/report", "HTTP://ids.example.com:8080/?t=ios&ver=2.0");
+    EXPECT_TRUE(
+        zub::setEndpoints("https://stats.example.com/mstat/report", "HTTP://ids.example.com:8080/?t=ios&ver=2.0"));
     expectEndpoints("https://stats.example.com/mstat/report", "HTTP://ids.example.com:8080/?t=ios&ver=2.0");
     EXPECT_TRUE(log.contains("report endpoint https://stats.example.com/mstat/report"));
 
@@ -45,21 +46,21 @@ TEST(ZUBProEndpoints, SetsBothURLsAndRefusesWhatIsNoHttpURL) {
              {"http://stats.example.com/r r", "http://ids.example.com/"},
              {"", ""}}) {
         log.clear();
-        zub::setEndpoints(report, mid);
+        EXPECT_FALSE(zub::setEndpoints(report, mid));
         expectEndpoints("https://stats.example.com/mstat/report", "HTTP://ids.example.com:8080/?t=ios&ver=2.0");
         EXPECT_TRUE(log.contains("[ERROR]endpoints not changed")) << report << " " << mid;
     }
     // A null pointer from C code or a plug-in is absent, refused like an empty URL.
     const char* none = nullptr;
     log.clear();
-    zub::setEndpoints(none, "http://ids.example.com/");
+    EXPECT_FALSE(zub::setEndpoints(none, "http://ids.example.com/"));
     expectEndpoints("https://stats.example.com/mstat/report", "HTTP://ids.example.com:8080/?t=ios&ver=2.0");
     EXPECT_TRUE(log.contains("[ERROR]endpoints not changed"));
 }
 
 TEST(ZUBProEndpoints, CollectorAddressNamesBothProtocolPaths) {
     zubtest::LogCapture log;
-    zub::setCollectorAddress("http://127.0.0.1:41234");
+    EXPECT_TRUE(zub::setCollectorAddress("http://127.0.0.1:41234"));
     expectEndpoints("http://127.0.0.1:41234/mstat/report", "http://127.0.0.1:41234/?t=ios&ver=2.0");
     zub::setCollectorAddress("https://collector.example.com/");
     expectEndpoints("https://collector.example.com/mstat/report", "https://collector.example.com/?t=ios&ver=2.0");
@@ -67,12 +68,12 @@ TEST(ZUBProEndpoints, CollectorAddressNamesBothProtocolPaths) {
     for (const std::string bad : {"http://collector.example.com/api", "http://collector.example.com?x=1",
                                   "collector.example.com:47800", "http://", "http://host//"}) {
         log.clear();
-        zub::setCollectorAddress(bad);
+        EXPECT_FALSE(zub::setCollectorAddress(bad));
         expectEndpoints("https://collector.example.com/mstat/report", "https://collector.example.com/?t=ios&ver=2.0");
         EXPECT_TRUE(log.contains("is not a collector address")) << bad;
     }
     log.clear();
-    zub::setCollectorAddress(static_cast<const char*>(nullptr));
+    EXPECT_FALSE(zub::setCollectorAddress(static_cast<const char*>(nullptr)));
     expectEndpoints("https://collector.example.com/mstat/report", "https://collector.example.com/?t=ios&ver=2.0");
     EXPECT_TRUE(log.contains("is not a collector address"));
 }
