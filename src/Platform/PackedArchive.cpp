@@ -69,6 +69,19 @@ bool readPayload(ByteCursor& in, char form, Value& out) {
     }
 }
 
+// Runs the object's own code (its encodeWithCoder or restoring constructor):
+// what it throws fails the coder instead of reaching the caller.
+template <class F>
+void runContained(const Coder& coder, const char* what, F&& run) {
+    try {
+        run();
+    } catch (const std::exception& e) {
+        coder.failWithReason(std::string(what) + " threw: " + e.what());
+    } catch (...) {
+        coder.failWithReason(std::string(what) + " threw");
+    }
+}
+
 bool knownKind(char kind) {
     return kind == 'v' || kind == 'i' || kind == 'b' || kind == 'd';
 }
@@ -93,13 +106,7 @@ struct PackedAccess {
         const std::size_t lengthAt = out.size();
         putLittleEndian(out, 0, 4);  // the fields' length, known once they are written
         Coder coder(&out, nullptr, name);
-        try {
-            object.encodeWithCoder(coder);
-        } catch (const std::exception& e) {
-            coder.failWithReason(std::string("encodeWithCoder threw: ") + e.what());
-        } catch (...) {
-            coder.failWithReason("encodeWithCoder threw");
-        }
+        runContained(coder, "encodeWithCoder", [&] { object.encodeWithCoder(coder); });
         if (coder.failed()) {
             why = coder.failureReason();
             return std::nullopt;
@@ -144,13 +151,7 @@ struct PackedAccess {
         }
         Coder coder(nullptr, &fields, name);
         std::shared_ptr<Archivable> object;
-        try {
-            object = factory(coder);
-        } catch (const std::exception& e) {
-            coder.failWithReason(std::string("restoring threw: ") + e.what());
-        } catch (...) {
-            coder.failWithReason("restoring threw");
-        }
+        runContained(coder, "restoring", [&] { object = factory(coder); });
         if (coder.failed()) {
             why = coder.failureReason();
             return nullptr;
