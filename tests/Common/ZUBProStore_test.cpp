@@ -7,17 +7,13 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sys/stat.h>
+#include <sys/stat.h>  // chmod
 
 using zub::Value;
 
-namespace {
+using zubtest::modeOf;
 
-unsigned modeOf(const std::string& path) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) return 0;
-    return st.st_mode & 07777;
-}
+namespace {
 
 // What another process of the same application would read from disk.
 Value onDisk() {

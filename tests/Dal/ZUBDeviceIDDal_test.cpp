@@ -1,3 +1,4 @@
+#include "Common/DeviceID/ZUBProOpenUDID.h"
 #include "Common/ZUBProStore.h"
 #include "Dal/ZUBDeviceIDDal.h"
 #include "Platform/Bundle.h"
@@ -39,6 +40,11 @@ const std::regex kHex40("[0-9a-f]{40}");
 }  // namespace
 
 TEST(ZUBDeviceIDDal, IdentifiersPersistAcrossProcessesAndOpenUDIDIsSharedByApplications) {
+    // This process reads its mid (none yet) before another process stores one.
+    zub::Bundle::setInfoValue("CFBundleIdentifier", "com.example.alpha");
+    ZUBDeviceIDDal& dal = ZUBDeviceIDDal::getInstance();
+    EXPECT_EQ(dal.getMID(), "");
+
     auto first = runHelper({"com.example.alpha", "savemid", "m-42"});
     EXPECT_TRUE(std::regex_match(first["idfv"], kUuid)) << first["idfv"];
     EXPECT_TRUE(std::regex_match(first["openudid"], kHex40)) << first["openudid"];
@@ -59,23 +65,13 @@ TEST(ZUBDeviceIDDal, IdentifiersPersistAcrossProcessesAndOpenUDIDIsSharedByAppli
     EXPECT_EQ(other["mid"], "");
 
     // What the first application keeps on disk, under its company domain.
-    zub::Bundle::setInfoValue("CFBundleIdentifier", "com.example.alpha");
-    ZUBProStore& store = ZUBProStore::getInstance();
-    EXPECT_EQ(store.load("com.example.zubidfv"), (Value{{"idfv", first["idfv"]}}));
-    EXPECT_EQ(store.load("com.example.zuboid"), (Value{{"oid", first["openudid"]}}));
-    EXPECT_EQ(store.load("com.example.zubmid"), (Value{{"mid", "m-42"}}));
-}
+    zub::UserDefaults disk(zub::UserDefaults::standard().path());
+    EXPECT_EQ(disk.objectForKey("com.example.zubidfv"), (Value{{"idfv", first["idfv"]}}));
+    EXPECT_EQ(disk.objectForKey("com.example.zuboid"), (Value{{"oid", first["openudid"]}}));
+    EXPECT_EQ(disk.objectForKey("com.example.zubmid"), (Value{{"mid", "m-42"}}));
 
-TEST(ZUBDeviceIDDal, MidIsEmptyUntilSavedInThisProcess) {
-    zub::Bundle::setInfoValue("CFBundleIdentifier", "com.example.gamma");
-    ZUBDeviceIDDal& dal = ZUBDeviceIDDal::getInstance();
-    EXPECT_EQ(&dal, &ZUBDeviceIDDal::getInstance());
+    // This process keeps the mid it read until it saves one itself.
     EXPECT_EQ(dal.getMID(), "");
-
-    // Another process stores a mid: this process keeps its cached "".
-    runHelper({"com.example.gamma", "savemid", "from-elsewhere"});
-    EXPECT_EQ(dal.getMID(), "");
-
     dal.saveMID(std::nullopt);
     EXPECT_EQ(dal.getMID(), "");
     dal.saveMID(std::string("m-7"));
@@ -157,4 +153,9 @@ TEST(ZUBDeviceIDDalConcurrency, ConcurrentFirstCallsSeeOneValue) {
     EXPECT_EQ(store.loadFromKeyChain("zuboid"), (Value{{"oid", seen[0].oid}}));
     EXPECT_EQ(zub::UserDefaults(zub::UserDefaults::standard().path()).objectForKey("com.example.zubidfv"),
               (Value{{"idfv", seen[0].idfv}}));
+    // The identifier was made once: one shared slot holds it, the next is untouched.
+    auto slot = zub::Pasteboard::existingPasteboardWithName("org.OpenUDID.slot.0");
+    ASSERT_TRUE(slot);
+    EXPECT_EQ(ZUBProOpenUDID::_getDictFromPasteboard(*slot)["OpenUDID"], seen[0].oid);
+    EXPECT_FALSE(zub::Pasteboard::existingPasteboardWithName("org.OpenUDID.slot.1"));
 }

@@ -5,38 +5,17 @@
 #include "Model/ZUBPageEvent.h"
 #include "Model/ZUBProCustomEvent.h"
 #include "Platform/AtomicFile.h"
-#include "Platform/Bundle.h"
-#include "support/ChildProcess.h"
 #include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
-
-using zubtest::ChildProcess;
-using zubtest::LogCapture;
 
 namespace {
 
-const std::string kHelper = std::string(ZUB_TEST_BIN_DIR) + "/event_store_helper";
-
-// The helper runs as this same application: both name it, since every
-// application has a documents folder of its own.
-class OneApplication : public ::testing::Environment {
-    void SetUp() override { zub::Bundle::setInfoValue("CFBundleIdentifier", "com.example.eventstore"); }
-};
-[[maybe_unused]] const auto* const kOneApplication = ::testing::AddGlobalTestEnvironment(new OneApplication);
-
 std::string logPath(const char* name) {
     return ZUBProStore::getInstance().getLogfilePath(name);
-}
-
-std::vector<std::string> runLoad() {
-    ChildProcess child({kHelper, "load"});
-    std::vector<std::string> lines;
-    while (auto line = child.readLine()) lines.push_back(*line);
-    EXPECT_EQ(child.wait(), 0);
-    return lines;
 }
 
 std::shared_ptr<ZUBProEvent> pageEvent(const std::string& md5) {
@@ -47,39 +26,68 @@ std::shared_ptr<ZUBProEvent> pageEvent(const std::string& md5) {
     return e;
 }
 
+// Replaces the store's waiting and retry events with `waiting` and `retry` custom
+// events keyed "<tag>w-<n>" and "<tag>r-<n>", then saves the log files.
+void saveEvents(int waiting, int retry, const std::string& tag) {
+    ZUBEventDal& store = ZUBEventDal::getInstance();
+    std::lock_guard lock(store.eventListLock());
+    store.toReportEvents().clear();
+    store.retryEvents().clear();
+    for (int i = 0; i < waiting + retry; ++i) {
+        auto e = std::make_shared<ZUBProCustomEvent>();
+        const std::string key = tag + (i < waiting ? "w-" : "r-") + std::to_string(i < waiting ? i : i - waiting);
+        e->setEventID(tag);
+        e->setMd5(key);
+        (i < waiting ? store.toReportEvents() : store.retryEvents()).set(key, e);
+    }
+    store.saveLogfile();
+}
+
+// Empties the store, loads the log files, and lists "w <key>" and "r <key>" in order.
+std::vector<std::string> loadEvents() {
+    ZUBEventDal& store = ZUBEventDal::getInstance();
+    std::lock_guard lock(store.eventListLock());
+    store.toReportEvents().clear();
+    store.retryEvents().clear();
+    store.loadLogfile();
+    std::vector<std::string> lines;
+    for (const auto& [key, event] : store.toReportEvents()) lines.push_back("w " + key);
+    for (const auto& [key, event] : store.retryEvents()) lines.push_back("r " + key);
+    return lines;
+}
+
 }  // namespace
 
-TEST(ZUBEventDal, SavedEventsComeBackInOrderInAnotherProcess) {
-    ASSERT_EQ(ChildProcess::run({kHelper, "save", "3", "2", "a"}), 0);
-    EXPECT_TRUE(std::filesystem::exists(logPath(".toReportEvents.log")));
-    EXPECT_TRUE(std::filesystem::exists(logPath(".retryEvents.log")));
-
-    EXPECT_EQ(runLoad(), (std::vector<std::string>{"w aw-0 aw", "w aw-1 aw", "w aw-2 aw", "r ar-0 ar", "r ar-1 ar"}));
+TEST(ZUBEventDal, SavedEventsComeBackInOrderAndOnlyTheWaitingCountLimitsSaving) {
+    saveEvents(3, 2, "a");
+    EXPECT_EQ(loadEvents(), (std::vector<std::string>{"w aw-0", "w aw-1", "w aw-2", "r ar-0", "r ar-1"}));
     // Loading deletes the files: a second load finds nothing.
     EXPECT_FALSE(std::filesystem::exists(logPath(".toReportEvents.log")));
     EXPECT_FALSE(std::filesystem::exists(logPath(".retryEvents.log")));
-    EXPECT_TRUE(runLoad().empty());
-}
+    EXPECT_TRUE(loadEvents().empty());
 
-TEST(ZUBEventDal, StoreLimitCountsOnlyWaitingEvents) {
-    ZUBProConfig::getInstance().setMaxStoreEventCount(1024);
-    // 5 waiting and 2000 retrying: both files are written.
-    ASSERT_EQ(ChildProcess::run({kHelper, "save", "5", "2000", "b"}), 0);
-    auto lines = runLoad();
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](auto& l) { return l[0] == 'w'; }), 5);
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](auto& l) { return l[0] == 'r'; }), 2000);
+    // Up to the limit of waiting events both files are written, however many retry;
+    // an empty list writes no file.
+    ZUBProConfig::getInstance().setMaxStoreEventCount(4);
+    saveEvents(4, 9, "b");
+    auto lines = loadEvents();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](auto& l) { return l[0] == 'w'; }), 4);
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](auto& l) { return l[0] == 'r'; }), 9);
+    saveEvents(0, 1, "c");
+    EXPECT_FALSE(std::filesystem::exists(logPath(".toReportEvents.log")));
+    EXPECT_EQ(loadEvents(), std::vector<std::string>{"r cr-0"});
 
-    // 1025 waiting: neither file is written, and an earlier file stays as it was.
-    ASSERT_EQ(ChildProcess::run({kHelper, "save", "2", "0", "old"}), 0);
+    // One waiting event more: neither file is written, and an earlier file stays as it was.
+    saveEvents(2, 0, "old");
     const auto before = zub::AtomicFile::read(logPath(".toReportEvents.log"));
     ASSERT_TRUE(before);
-    ASSERT_EQ(ChildProcess::run({kHelper, "save", "1025", "3", "new"}), 0);
+    saveEvents(5, 3, "new");
     EXPECT_EQ(zub::AtomicFile::read(logPath(".toReportEvents.log")), before);
     EXPECT_FALSE(std::filesystem::exists(logPath(".retryEvents.log")));
 }
 
 TEST(ZUBEventDal, LoadReplacesAndHandlesEmptyAndDamagedFiles) {
-    LogCapture log;
+    zubtest::LogCapture log;
     ZUBEventDal& store = ZUBEventDal::getInstance();
     {
         // Saved while it was being sent: it has a last attempt time.

@@ -8,20 +8,14 @@
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
-#include <random>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 using zub::AtomicFile;
 
-namespace {
+using zubtest::modeOf;
 
-unsigned modeOf(const std::string& path) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) return 0;
-    return st.st_mode & 07777;
-}
+namespace {
 
 std::size_t entriesIn(const std::filesystem::path& dir) {
     return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(dir), {}));
@@ -103,74 +97,44 @@ std::optional<std::uint32_t> seqOf(const zub::Data& data) {
     return seq;
 }
 
-// Where the writing child stops, to be killed there, in its second write: with
-// the temporary file written, at the rename; just after the rename; or nowhere
-// (killed at a moment of the parent's choosing).
-enum class StopAt { BeforeRename, AfterRename, Nowhere };
-
-void report(int fd, const std::string& line) {
-    const std::string text = line + "\n";
-    if (::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) ::_exit(3);
-}
-
-// The real file layer, telling the parent how far each write got.
-class SteppingFileSystem : public zub::FileSystemWrapper {
+// The real file layer that, in the second write, says "stopped" on `fd` and waits
+// for the parent's SIGKILL: with the temporary file written, just before or just
+// after the rename.
+class StoppingFileSystem : public zub::FileSystemWrapper {
 public:
-    SteppingFileSystem(int fd, StopAt stop) : FileSystemWrapper(zub::FileSystem::posix()), fd_(fd), stop_(stop) {}
+    StoppingFileSystem(int fd, bool afterRename)
+        : FileSystemWrapper(zub::FileSystem::posix()), fd_(fd), afterRename_(afterRename) {}
     bool renameFile(const std::string& from, const std::string& to, int& error) override {
-        ++writes_;
-        stopIf(StopAt::BeforeRename);
+        const bool stopHere = ++renames_ == 2;
+        if (stopHere && !afterRename_) stop();
         const bool ok = FileSystemWrapper::renameFile(from, to, error);
-        if (ok) stopIf(StopAt::AfterRename);
+        if (stopHere && ok) stop();
         return ok;
     }
 
 private:
-    void stopIf(StopAt point) {
-        if (point != stop_ || writes_ != 2) return;
-        report(fd_, "stopped");
-        for (;;) ::pause();  // until the parent's SIGKILL
+    void stop() {
+        if (::write(fd_, "stopped\n", 8) != 8) ::_exit(3);
+        for (;;) ::pause();
     }
     const int fd_;
-    const StopAt stop_;
-    int writes_ = 0;
+    const bool afterRename_;
+    int renames_ = 0;
 };
 
-// Keeps replacing `path` with consecutive records from `first` on, reporting
-// "done <seq>" after each completed write.
-[[noreturn]] void writeRecords(const std::string& path, std::uint32_t first, int fd, StopAt stop) {
-    SteppingFileSystem fileSystem(fd, stop);
-    AtomicFile::install(&fileSystem);
-    for (std::uint32_t seq = first;; ++seq) {
-        if (!AtomicFile::write(path, recordFor(seq))) ::_exit(4);
-        report(fd, "done " + std::to_string(seq));
+// True once `fd` gives the line "stopped"; false on end of file or after a minute.
+bool waitForStop(int fd) {
+    std::string seen;
+    while (seen.find("stopped\n") == std::string::npos) {
+        pollfd p{fd, POLLIN, 0};
+        char chunk[64];
+        if (::poll(&p, 1, 60000) <= 0) return false;
+        const ssize_t n = ::read(fd, chunk, sizeof chunk);
+        if (n <= 0) return false;
+        seen.append(chunk, static_cast<std::size_t>(n));
     }
+    return true;
 }
-
-// Lines from a pipe, each waited for with a generous bound.
-class LineReader {
-public:
-    explicit LineReader(int fd) : fd_(fd) {}
-    std::optional<std::string> next() {
-        for (;;) {
-            if (const auto nl = buffer_.find('\n'); nl != std::string::npos) {
-                std::string line = buffer_.substr(0, nl);
-                buffer_.erase(0, nl + 1);
-                return line;
-            }
-            pollfd p{fd_, POLLIN, 0};
-            if (::poll(&p, 1, 60000) <= 0) return std::nullopt;
-            char chunk[512];
-            const ssize_t n = ::read(fd_, chunk, sizeof chunk);
-            if (n <= 0) return std::nullopt;
-            buffer_.append(chunk, static_cast<std::size_t>(n));
-        }
-    }
-
-private:
-    const int fd_;
-    std::string buffer_;
-};
 
 }  // namespace
 
@@ -179,66 +143,44 @@ TEST(AtomicFile, SigkillAtAnyPointOfAWriteLeavesTheOldOrTheNewContent) {
     const std::string path = (dir / "record").string();
     ASSERT_TRUE(AtomicFile::write(path, recordFor(0)));
     std::uint32_t onDisk = 0;
-    std::mt19937 rng(42);
-    int leftAtTemporary = 0;
-    for (int round = 0; round < 30; ++round) {
-        const StopAt stop = static_cast<StopAt>(round % 3);
-        SCOPED_TRACE("round " + std::to_string(round));
+    int killedBeforeRename = 0;
+    for (const bool afterRename : {false, true, false, true}) {
+        SCOPED_TRACE(afterRename ? "killed after the rename" : "killed before the rename");
         int fds[2];
         ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
         const pid_t child = ::fork();
         ASSERT_GE(child, 0);
         if (child == 0) {
+            // Writes records onDisk+1, onDisk+2, ...; the second one is stopped.
             ::close(fds[0]);
-            writeRecords(path, onDisk + 1, fds[1], stop);
+            StoppingFileSystem fileSystem(fds[1], afterRename);
+            AtomicFile::install(&fileSystem);
+            for (std::uint32_t seq = onDisk + 1; seq < onDisk + 4; ++seq) {
+                if (!AtomicFile::write(path, recordFor(seq))) ::_exit(4);
+            }
+            ::_exit(5);  // never stopped: the write did not go through a rename
         }
         ::close(fds[1]);
-        // Progress first: at least one whole write, then the kill lands in a later one.
-        LineReader lines(fds[0]);
-        std::uint32_t lastDone = 0;
-        int done = 0;
-        const int doneBeforeKill = 1 + static_cast<int>(rng() % 3);
-        bool stopped = false;
-        while (auto line = lines.next()) {
-            if (line->rfind("done ", 0) == 0) {
-                lastDone = static_cast<std::uint32_t>(std::stoul(line->substr(5)));
-                if (++done >= doneBeforeKill && stop == StopAt::Nowhere) break;
-            } else if (*line == "stopped") {
-                stopped = true;
-                break;
-            }
-        }
+        const bool stopped = waitForStop(fds[0]);
+        ::close(fds[0]);
         ::kill(child, SIGKILL);
         int status = 0;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
-        // The child may have run ahead of the lines read so far: what it reported
-        // before it died is all in the pipe now.
-        while (auto line = lines.next()) {
-            if (line->rfind("done ", 0) == 0) lastDone = static_cast<std::uint32_t>(std::stoul(line->substr(5)));
-        }
-        ::close(fds[0]);
-        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "the writer failed on its own";
-        ASSERT_GE(done, 1) << "no write completed before the kill";
-        ASSERT_EQ(stopped, stop != StopAt::Nowhere);
+        ASSERT_TRUE(stopped) << "the writer never reached its second rename, status " << status;
+        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
 
         auto content = AtomicFile::read(path);
         ASSERT_TRUE(content);
         const auto seq = seqOf(*content);
         ASSERT_TRUE(seq) << "a torn or mixed file of " << content->size() << " bytes";
-        if (stop == StopAt::BeforeRename) {
-            EXPECT_EQ(*seq, lastDone) << "killed before the rename: the old content";
-            ++leftAtTemporary;
-        } else if (stop == StopAt::AfterRename) {
-            EXPECT_EQ(*seq, lastDone + 1) << "killed after the rename: the new content";
-        } else {
-            EXPECT_TRUE(*seq == lastDone || *seq == lastDone + 1) << *seq << " after " << lastDone;
-        }
+        EXPECT_EQ(*seq, onDisk + (afterRename ? 2 : 1)) << "the old content before the rename, the new after";
         onDisk = *seq;
+        if (!afterRename) ++killedBeforeRename;
     }
     // A kill between writing and renaming leaves its hidden temporary file, never read as the target.
     int temporaries = 0;
     for (const auto& entry : std::filesystem::directory_iterator(dir)) {
         if (entry.path().filename().string().rfind(".record.tmp-", 0) == 0) ++temporaries;
     }
-    EXPECT_GE(temporaries, leftAtTemporary);
+    EXPECT_EQ(temporaries, killedBeforeRename);
 }

@@ -28,6 +28,8 @@ TEST(MacAddress, ReadsTheInterfaceAddressFromTheKernelTree) {
 
     EXPECT_EQ(MacAddress::read("en0"), (zub::Data{0x00, 0x1c, 0x42, 0x0a, 0x0b, 0x0c}));
     EXPECT_EQ(GetMACAddressDisplayString(), "00:1c:42:0a:0b:0c");
+    EXPECT_EQ(ZUBProTempUDID::getTempUDID(), "5d4891bb680e3bfcb402e19180d5082b0c7821f2") << "its SHA-1";
+    EXPECT_EQ(MacAddress::displayString(zub::Data{0xff, 0x0}), "ff:00");
     EXPECT_EQ(MacAddress::read("tun0"), zub::Data{}) << "an interface without an address";
     EXPECT_EQ(MacAddress::displayString(MacAddress::read("tun0")), std::nullopt);
     EXPECT_FALSE(MacAddress::read("bad0"));
@@ -37,8 +39,9 @@ TEST(MacAddress, ReadsTheInterfaceAddressFromTheKernelTree) {
 
 TEST(MacAddress, PrimaryIsEn0ElseTheFirstPhysicalInterfaceWithAnAddressByIndex) {
     {
-        // A laptop: loopback, a docker bridge and a veth come first by index, an Ethernet port without cable has a zero address, and the
-        // directory lists Wi-Fi before the wired port whose index is lower.
+        // A laptop: loopback, a docker bridge and a veth come first by index, an
+        // Ethernet port without cable has a zero address, and the directory lists
+        // Wi-Fi before the wired port whose index is lower.
         zubtest::FakeRoot root("laptop");
         addInterface(root, "lo", 1, "00:00:00:00:00:00", false, 772);
         addInterface(root, "docker0", 2, "02:42:ac:11:00:01", true);
@@ -62,6 +65,7 @@ TEST(MacAddress, PrimaryIsEn0ElseTheFirstPhysicalInterfaceWithAnAddressByIndex) 
         addInterface(root, "eth0", 12, "02:42:ac:11:00:02", false);
         EXPECT_EQ(MacAddress::primaryInterfaceName(), std::nullopt);
         EXPECT_EQ(GetMACAddress(), std::nullopt);
+        EXPECT_EQ(ZUBProTempUDID::getTempUDID(), "da39a3ee5e6b4b0d3255bfef95601890afd80709") << "SHA-1 of nothing";
     }
     // The real kernel: loopback always exists and has an all-zero address.
     EXPECT_EQ(MacAddress::read("lo"), zub::Data(6, 0));

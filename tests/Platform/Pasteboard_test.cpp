@@ -4,19 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <algorithm>
 
 using zub::Pasteboard;
 
-namespace {
+using zubtest::modeOf;
 
-unsigned modeOf(const std::string& path) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) return 0;
-    return st.st_mode & 07777;
-}
+namespace {
 
 zub::Data bytes(const std::string& s) {
     return zub::Data(s.begin(), s.end());
@@ -68,34 +62,5 @@ TEST(Pasteboard, AnyNameOrTypeMapsToOneEntryInsideTheRoot) {
         ASSERT_TRUE(pb->setData(bytes(name), name));
         EXPECT_EQ(pb->dataForType(name), bytes(name));
         EXPECT_EQ(pb->types(), std::vector<std::string>{name});
-    }
-}
-
-TEST(Pasteboard, TwoProcessesWritingAtOnceLeaveOneWholeBlob) {
-    auto pb = Pasteboard::pasteboardWithName("shared.board");
-    ASSERT_TRUE(pb);
-    const std::string a(300000, 'a');
-    const std::string b(200000, 'b');
-    for (int round = 0; round < 3; ++round) {
-        pid_t children[2];
-        for (int i = 0; i < 2; ++i) {
-            children[i] = ::fork();
-            ASSERT_GE(children[i], 0);
-            if (children[i] == 0) {
-                const zub::Data mine = bytes(i == 0 ? a : b);
-                bool ok = true;
-                for (int k = 0; k < 10; ++k) ok = pb->setData(mine, "blob") && ok;
-                ::_exit(ok ? 0 : 1);
-            }
-        }
-        for (pid_t child : children) {
-            int status = 0;
-            ASSERT_EQ(::waitpid(child, &status, 0), child);
-            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-        }
-        auto blob = pb->dataForType("blob");
-        ASSERT_TRUE(blob);
-        EXPECT_TRUE(*blob == bytes(a) || *blob == bytes(b)) << "round " << round << ": size " << blob->size();
-        EXPECT_EQ(pb->types(), std::vector<std::string>{"blob"}) << "no temporary file is left behind";
     }
 }

@@ -34,14 +34,3 @@ TEST(WifiInfo, NetworkNameFromInformationElements) {
     const std::uint8_t mac[6] = {0x00, 0x1A, 0xFF, 0x0b, 0xc0, 0x09};
     EXPECT_EQ(WifiInfo::bssidText(mac), "00:1a:ff:0b:c0:09");
 }
-
-TEST(WifiInfo, CurrentGivesTextOrNothing) {
-    // Whatever the machine has: either no value, or printable values of the right form.
-    const auto network = WifiInfo::current();
-    if (network.bssid) {
-        EXPECT_EQ(network.bssid->size(), 17u);
-    }
-    if (network.ssid) {
-        EXPECT_FALSE(network.ssid->empty());
-    }
-}

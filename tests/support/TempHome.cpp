@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace zubtest {
@@ -43,6 +44,12 @@ std::filesystem::path TempHome::makeDir(const std::string& name) {
     std::filesystem::remove_all(p);
     std::filesystem::create_directories(p);
     return p;
+}
+
+unsigned modeOf(const std::filesystem::path& path) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) return 0;
+    return st.st_mode & 07777;
 }
 
 }  // namespace zubtest

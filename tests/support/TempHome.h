@@ -16,4 +16,7 @@ public:
     static std::filesystem::path makeDir(const std::string& name);
 };
 
+/// The permission bits of `path` (0 when it does not exist).
+unsigned modeOf(const std::filesystem::path& path);
+
 }  // namespace zubtest

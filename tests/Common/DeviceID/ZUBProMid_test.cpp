@@ -96,14 +96,6 @@ TEST(ZUBProMid, EachKindOfReplyIsHandledAsSpecifiedAndOnlySuccessStoresAMid) {
     }
 }
 
-TEST(ZUBProMid, NoServerMeansAFailureAndNoMid) {
-    ZUBProConfig::getInstance().setMidURL("http://127.0.0.1:" + std::to_string(zubtest::unusedLoopbackPort()) + "/");
-    LogCapture log;
-    registerOnce();
-    EXPECT_TRUE(log.has("[ZUBDebug] mid failed"));
-    EXPECT_EQ(ZUBDeviceIDDal::getInstance().getMID(), "");
-}
-
 TEST(ZUBProMid, DeviceIdentifiersHoldSixEntriesOnceAPushTokenIsStored) {
     ZUBProMid& mid = ZUBProMid::getInstance();
     zub::Value ids = mid.getDeviceIDs();
