@@ -1,5 +1,6 @@
 #include "CollectorServer.h"
 
+#include "IdleConnections.h"
 #include "SystemError.h"
 
 #include "Common/Network/ZUBWireCodec.h"
@@ -190,6 +191,7 @@ int CollectorServer::bind(std::string& error) {
     const int port = options_.port == 0 ? server_.bind_to_any_port(options_.address)
                                         : (server_.bind_to_port(options_.address, options_.port) ? options_.port : -1);
     if (port <= 0) error = bindFailure(options_.address, options_.port);
+    if (port > 0) boundPort_ = port;
     return port;
 }
 
@@ -198,7 +200,10 @@ bool CollectorServer::run(EventStore& store) {
     return server_.listen_after_bind();
 }
 
-void CollectorServer::stop() { server_.stop(); }
+void CollectorServer::stop() {
+    server_.stop();
+    wakeIdleConnections(boundPort_.load());
+}
 
 void CollectorServer::handle(Route route, const httplib::Request& req, httplib::Response& res,
                              const httplib::ContentReader& reader) {

@@ -82,6 +82,7 @@ private:
     DecodeLimits limits_;
     std::atomic<std::int64_t> faultsLeft_;
     httplib::Server server_;
+    std::atomic<int> boundPort_{0};  // for waking idle connections at stop
 };
 
 }  // namespace zubcollector

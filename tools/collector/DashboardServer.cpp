@@ -2,6 +2,7 @@
 
 #include "DashboardApi.h"
 #include "DashboardAssets.h"
+#include "IdleConnections.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -173,13 +174,18 @@ int DashboardServer::bind(std::string& error) {
     if (port <= 0) {
         error = "dashboard: cannot listen on " + options_.address + ":" + std::to_string(wanted) +
                 " (address in use or not available; choose another with --dashboard ADDR:PORT, or --dashboard off)";
+    } else {
+        boundPort_ = port;
     }
     return port;
 }
 
 bool DashboardServer::run() { return server_.listen_after_bind(); }
 
-void DashboardServer::stop() { server_.stop(); }
+void DashboardServer::stop() {
+    server_.stop();
+    wakeIdleConnections(boundPort_.load());
+}
 
 bool DashboardServer::authorised(const httplib::Request& req) const {
     if (options_.token.empty()) return true;

@@ -25,6 +25,8 @@
 
 #include <httplib.h>
 
+#include <atomic>
+
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -67,6 +69,7 @@ private:
     std::mutex poolMutex_;
     std::vector<std::unique_ptr<Database>> idle_;  // guarded by poolMutex_
     httplib::Server server_;
+    std::atomic<int> boundPort_{0};  // for waking idle connections at stop
 };
 
 }  // namespace zubcollector
