@@ -1,11 +1,12 @@
 // Whatever arrives, the collector answers with a clear error, keeps running and
-// keeps what it had already stored.
-#include "Common/Network/ZUBHttp.h"
+// keeps what it had already stored; its Prometheus counters follow what it
+// stored, refused and issued.
 #include "Common/ZUBProConfig.h"
 #include "Common/ZUBProHelper.h"
 #include "support/CollectorProcess.h"
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -13,21 +14,20 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <map>
 #include <random>
+#include <sstream>
 
 using zubtest::CollectorProcess;
 using zubtest::postRaw;
 
 namespace {
 
-#define REQUIRE_COLLECTOR() \
-    if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector"
-
 std::string key() { return ZUBProConfig::getInstance().rc4Key().value_or(""); }
 
 zub::Data bytes(const std::string& text) { return zub::Data(text.begin(), text.end()); }
 
-zub::Data rc4(zub::Data data, const std::string& withKey) {
+zub::Data rc4(zub::Data data, const std::string& withKey = key()) {
     ZUBProHelper::ChiperRC4(data.data(), data.size(), withKey);
     return data;
 }
@@ -42,23 +42,18 @@ zub::Data prefixedGzip(const zub::Data& plain, std::uint32_t declared) {
     return out;
 }
 
-zub::Data goodBatch(int first, int count) {
+zub::Value goodBatch(int first, int count) {
     zub::Value batch = zub::Value::array();
     for (int i = first; i < first + count; ++i) {
         batch.push_back({{"ky", "app-A"}, {"si", 1}, {"ts", 1700000000 + i}, {"et", 1000}, {"mid", "mid-1"},
                          {"idx", i}, {"ei", "padding-to-go-past-the-short-form"}});
     }
-    return bytes(batch.dump());
+    return batch;
 }
 
-int retOf(const std::optional<zub::Value>& reply) {
-    if (!reply || !reply->is_object() || !reply->contains("ret") || !(*reply)["ret"].is_number_integer()) return -1;
-    return (*reply)["ret"].get<int>();
-}
-
-// Sends `head` and then `body` on a plain socket and returns whatever comes back
-// (up to the peer closing or 10 s of silence).
-std::string exchangeOnSocket(int port, const std::string& head, const std::string& body) {
+// Sends `request` on a plain socket and returns whatever comes back (up to the
+// peer closing or 10 s of silence).
+std::string exchangeOnSocket(int port, const std::string& request) {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
@@ -70,20 +65,14 @@ std::string exchangeOnSocket(int port, const std::string& head, const std::strin
     }
     timeval timeout{10, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    const std::string request = head + body;
-    std::size_t sent = 0;
-    while (sent < request.size()) {
+    for (std::size_t sent = 0; sent < request.size();) {
         const ssize_t n = ::send(fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
         if (n <= 0) break;
         sent += static_cast<std::size_t>(n);
     }
     std::string reply;
     char buffer[4096];
-    for (;;) {
-        const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-        if (n <= 0) break;
-        reply.append(buffer, static_cast<std::size_t>(n));
-    }
+    for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) reply.append(buffer, static_cast<std::size_t>(n));
     ::close(fd);
     return reply;
 }
@@ -92,24 +81,50 @@ std::string exchangeOnSocket(int port, const std::string& head, const std::strin
 
 // Run on both stores: an SQLite file and a PostgreSQL database.
 class CollectorBadInput : public zubtest::CollectorStoreTest {};
+class CollectorMetrics : public zubtest::CollectorStoreTest {};
 ZUB_COLLECTOR_STORES(CollectorBadInput);
+ZUB_COLLECTOR_STORES(CollectorMetrics);
 
-TEST_P(CollectorBadInput, EveryMalformedBatchGetsAClearErrorAndStoredEventsStay) {
-    REQUIRE_COLLECTOR();
+TEST_P(CollectorBadInput, EveryMalformedRequestGetsAClearErrorAndStoredDataStays) {
+    ZUB_REQUIRE_COLLECTOR();
     CollectorProcess collector({"--max-plain", "100000"});
     ASSERT_TRUE(collector.start()) << collector.failure();
-    const auto stored = ZUBHttp::getInstance().httpPost(goodBatch(0, 5), 10, collector.url("/mstat/report"));
-    ASSERT_EQ(retOf(stored), 0);
+    // The client posts an empty body without an encoding when no event could go.
+    const auto empty = postRaw(collector.port(), "/mstat/report", {}, "", key());
+    ASSERT_EQ(empty.status, 200) << empty.error;
+    EXPECT_EQ(zubtest::retOf(empty.json), 0);
+    EXPECT_EQ(collector.report(zub::Value::array()), 0);
+    EXPECT_EQ(collector.storedEvents().size(), 0u);
 
-    const zub::Data batch = goodBatch(100, 4);
+    // Identifier requests that cannot be read register nothing.
+    const std::string midPath = "/?t=ios&ver=2.0";
+    const std::pair<zub::Data, int> identifiers[] = {
+        {rc4(bytes("{\"ifv\":")), 2},
+        {rc4(bytes(R"(["ifv","ioa"])")), 3},
+        {rc4(bytes(R"({"et":5,"ver":1,"mid":""})")), 3},
+        {rc4(bytes(R"({"ifv":5})")), 3},
+        {rc4(bytes(R"({"ui":")" + std::string(300, 'u') + "\"}")), 3},
+        {rc4(bytes(R"({"ifv":"A"})"), "ffffffffffffffffffffffffffffffff"), 2},
+        {{}, 3},
+    };
+    for (const auto& [wire, ret] : identifiers) {
+        const auto reply = postRaw(collector.port(), midPath, wire, "rc4", key());
+        ASSERT_EQ(reply.status, 200) << reply.error;
+        EXPECT_EQ(zubtest::retOf(reply.json), ret) << (reply.json ? reply.json->dump() : "no JSON");
+        EXPECT_FALSE(reply.json->value("msg", "").empty());
+    }
+    EXPECT_EQ(collector.stats()["devicesRegistered"], 0);
+    EXPECT_EQ(zubtest::retOf(collector.post(midPath, {{"et", 5}, {"ver", 1}, {"ifv", "A"}, {"mid", ""}})), 0);
+    EXPECT_EQ(collector.stats()["devicesRegistered"], 1);
+
+    ASSERT_EQ(collector.report(goodBatch(0, 5)), 0);
+    const zub::Data batch = bytes(goodBatch(100, 4).dump());
     ASSERT_GE(batch.size(), 256u);
     const zub::Data longForm = prefixedGzip(batch, static_cast<std::uint32_t>(batch.size()));
-    zub::Data truncated = longForm;
-    truncated.resize(truncated.size() - 10);
+    zub::Data truncated(longForm.begin(), longForm.end() - 10);
     zub::Data trailing = longForm;
     trailing.push_back(0x42);
     const std::string otherKey = "00000000000000000000000000000000";
-
     struct Case {
         const char* name;
         zub::Data wire;  // already enciphered
@@ -120,98 +135,71 @@ TEST_P(CollectorBadInput, EveryMalformedBatchGetsAClearErrorAndStoredEventsStay)
     const Case cases[] = {
         {"wrong key, short form", rc4(bytes(R"([{"et":1}])"), otherKey), "rc4", 2, "not JSON"},
         {"wrong key, long form", rc4(longForm, otherKey), "rc4,gzip", 1, ""},
-        {"declared length too large", rc4(prefixedGzip(batch, static_cast<std::uint32_t>(batch.size() + 1)), key()),
+        {"declared length too large", rc4(prefixedGzip(batch, static_cast<std::uint32_t>(batch.size() + 1))),
          "rc4,gzip", 1, "declared length"},
-        {"declared length too small", rc4(prefixedGzip(batch, static_cast<std::uint32_t>(batch.size() - 1)), key()),
+        {"declared length too small", rc4(prefixedGzip(batch, static_cast<std::uint32_t>(batch.size() - 1))),
          "rc4,gzip", 1, "declared length"},
-        {"declared length over the plain limit", rc4(prefixedGzip(batch, 0x7fffffff), key()), "rc4,gzip", 1,
+        {"declared length over the plain limit", rc4(prefixedGzip(batch, 0x7fffffff)), "rc4,gzip", 1,
          "over the limit"},
-        {"no room for the length", rc4(bytes("abc"), key()), "rc4,gzip", 1, "too short"},
-        {"truncated gzip", rc4(truncated, key()), "rc4,gzip", 1, "truncated or damaged"},
-        {"bytes after the gzip data", rc4(trailing, key()), "rc4,gzip", 1, "after the end"},
-        {"not JSON", rc4(bytes("[{\"et\":1},"), key()), "rc4", 2, "not JSON"},
-        {"JSON object, not an array", rc4(bytes(R"({"et":1})"), key()), "rc4", 3, "not an array"},
-        {"an item that is not an object", rc4(bytes(R"([{"et":1},7])"), key()), "rc4", 3, "batch item 1"},
-        {"nesting too deep", rc4(bytes(std::string(200, '[') + std::string(200, ']')), key()), "rc4", 2,
-         "nesting depth"},
-        {"unknown encoding", rc4(bytes(R"([{"et":1}])"), key()), "gzip", 1, "unknown Content-Encoding"},
-        {"no encoding", rc4(bytes(R"([{"et":1}])"), key()), "", 1, "unknown Content-Encoding"},
+        {"no room for the length", rc4(bytes("abc")), "rc4,gzip", 1, "too short"},
+        {"truncated gzip", rc4(truncated), "rc4,gzip", 1, "truncated or damaged"},
+        {"bytes after the gzip data", rc4(trailing), "rc4,gzip", 1, "after the end"},
+        {"not JSON", rc4(bytes("[{\"et\":1},")), "rc4", 2, "not JSON"},
+        {"JSON object, not an array", rc4(bytes(R"({"et":1})")), "rc4", 3, "not an array"},
+        {"an item that is not an object", rc4(bytes(R"([{"et":1},7])")), "rc4", 3, "batch item 1"},
+        {"nesting too deep", rc4(bytes(std::string(200, '[') + std::string(200, ']'))), "rc4", 2, "nesting depth"},
+        {"unknown encoding", rc4(bytes(R"([{"et":1}])")), "gzip", 1, "unknown Content-Encoding"},
+        {"no encoding", rc4(bytes(R"([{"et":1}])")), "", 1, "unknown Content-Encoding"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const auto reply = postRaw(collector.port(), "/mstat/report", c.wire, c.encoding, key());
         ASSERT_EQ(reply.status, 200) << reply.error;
         ASSERT_TRUE(reply.json.has_value());
-        EXPECT_EQ(retOf(reply.json), c.ret) << reply.json->dump();
+        EXPECT_EQ(zubtest::retOf(reply.json), c.ret) << reply.json->dump();
         const std::string msg = reply.json->value("msg", "");
         EXPECT_FALSE(msg.empty());
         EXPECT_NE(msg.find(c.message), std::string::npos) << msg;
     }
-
     // Nothing refused was stored, nothing stored was lost, and the collector goes on.
     EXPECT_EQ(collector.storedEvents().size(), 5u);
-    const auto after = ZUBHttp::getInstance().httpPost(goodBatch(200, 3), 10, collector.url("/mstat/report"));
-    EXPECT_EQ(retOf(after), 0);
+    EXPECT_EQ(collector.report(goodBatch(200, 3)), 0);
     EXPECT_EQ(collector.storedEvents().size(), 8u);
     EXPECT_NE(collector.log().find("ret=3 error=\"batch is a JSON object, not an array\""), std::string::npos);
     EXPECT_EQ(collector.stop(), 0) << collector.log();
 }
 
-TEST_P(CollectorBadInput, EmptyBodyIsAnEmptyBatch) {
-    REQUIRE_COLLECTOR();
-    CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
-    // The client posts an empty body without an encoding when no event could go.
-    const auto reply = postRaw(collector.port(), "/mstat/report", {}, "", key());
-    ASSERT_EQ(reply.status, 200) << reply.error;
-    EXPECT_EQ(retOf(reply.json), 0);
-    const auto emptyArray = ZUBHttp::getInstance().httpPost(bytes("[]"), 10, collector.url("/mstat/report"));
-    EXPECT_EQ(retOf(emptyArray), 0);
-    EXPECT_EQ(collector.storedEvents().size(), 0u);
-}
-
 TEST(CollectorBodyLimits, OversizedBodiesAreRefusedWithoutBeingRead) {
-    REQUIRE_COLLECTOR();
+    ZUB_REQUIRE_COLLECTOR();
     CollectorProcess collector({"--max-body", "65536"});
     ASSERT_TRUE(collector.start()) << collector.failure();
-    ASSERT_EQ(retOf(ZUBHttp::getInstance().httpPost(goodBatch(0, 2), 10, collector.url("/mstat/report"))), 0);
-
-    // A body announced at 100 MB of which only 1 KiB is ever sent: the refusal comes
-    // at once, so the collector cannot have waited for the rest.
-    const std::string announced = exchangeOnSocket(collector.port(),
-                                                   "POST /mstat/report HTTP/1.1\r\nHost: 127.0.0.1\r\n"
-                                                   "Content-Encoding: rc4\r\nContent-Length: 100000000\r\n\r\n",
-                                                   std::string(1024, 'x'));
-    EXPECT_EQ(announced.rfind("HTTP/1.1 413", 0), 0u) << announced.substr(0, 200);
-
-    // A client that asks before sending (Expect: 100-continue) is told no at once.
-    const std::string asked = exchangeOnSocket(collector.port(),
-                                               "POST /mstat/report HTTP/1.1\r\nHost: 127.0.0.1\r\n"
-                                               "Content-Encoding: rc4,gzip\r\nContent-Length: 2000000\r\n"
-                                               "Expect: 100-continue\r\n\r\n",
-                                               "");
-    EXPECT_EQ(asked.rfind("HTTP/1.1 413", 0), 0u) << asked.substr(0, 200);
-
-    // A chunked body with no length: counted as it arrives and refused past the limit.
-    std::string chunk(70000, 'y');
-    char size[32];
-    std::snprintf(size, sizeof size, "%zx\r\n", chunk.size());
-    const std::string chunked = exchangeOnSocket(collector.port(),
-                                                 "POST /mstat/report HTTP/1.1\r\nHost: 127.0.0.1\r\n"
-                                                 "Content-Encoding: rc4\r\nTransfer-Encoding: chunked\r\n\r\n",
-                                                 size + chunk + "\r\n");
-    EXPECT_EQ(chunked.rfind("HTTP/1.1 413", 0), 0u) << chunked.substr(0, 200);
-
-    // The library's own client with a batch that does not compress below the limit.
+    ASSERT_EQ(collector.report(goodBatch(0, 2)), 0);
+    const std::string head = "POST /mstat/report HTTP/1.1\r\nHost: 127.0.0.1\r\n";
+    char chunkSize[32];
+    std::snprintf(chunkSize, sizeof chunkSize, "%x\r\n", 70000);
+    const std::string refused[] = {
+        // A body announced at 100 MB of which only 1 KiB is ever sent: the refusal
+        // comes at once, so the collector cannot have waited for the rest.
+        head + "Content-Encoding: rc4\r\nContent-Length: 100000000\r\n\r\n" + std::string(1024, 'x'),
+        // A client that asks before sending (Expect: 100-continue) is told no at once.
+        head + "Content-Encoding: rc4,gzip\r\nContent-Length: 2000000\r\nExpect: 100-continue\r\n\r\n",
+        // A chunked body with no length: counted as it arrives and refused past the limit.
+        head + "Content-Encoding: rc4\r\nTransfer-Encoding: chunked\r\n\r\n" + chunkSize + std::string(70000, 'y') +
+            "\r\n",
+    };
+    for (const std::string& request : refused) {
+        const std::string answer = exchangeOnSocket(collector.port(), request);
+        EXPECT_EQ(answer.rfind("HTTP/1.1 413", 0), 0u) << answer.substr(0, 200);
+    }
+    // The library's own client with a batch that does not compress below the limit:
+    // nothing (status 413) or a connection error, never a success.
     std::mt19937 random(7);
     std::string noise;
     for (int i = 0; i < 300000; ++i) noise += "0123456789abcdef"[random() % 16];
-    zub::Value big = zub::Value::array({{{"et", 1000}, {"ei", noise}}});
-    const auto refused = ZUBHttp::getInstance().httpPost(bytes(big.dump()), 10, collector.url("/mstat/report"));
-    EXPECT_NE(retOf(refused), 0);  // nothing (status 413) or a connection error, never a success
+    EXPECT_NE(collector.report(zub::Value::array({{{"et", 1000}, {"ei", noise}}})), 0);
 
     EXPECT_EQ(collector.storedEvents().size(), 2u);
-    ASSERT_EQ(retOf(ZUBHttp::getInstance().httpPost(goodBatch(10, 1), 10, collector.url("/mstat/report"))), 0);
+    ASSERT_EQ(collector.report(goodBatch(10, 1)), 0);
     EXPECT_EQ(collector.storedEvents().size(), 3u);
     const std::string log = collector.log();
     EXPECT_NE(log.find("413 enc=rc4 bytes=0 events=0 ret=4 error=\"body of 100000000 bytes is over the limit of 65536\""),
@@ -221,29 +209,42 @@ TEST(CollectorBodyLimits, OversizedBodiesAreRefusedWithoutBeingRead) {
     EXPECT_EQ(collector.stop(), 0) << log;
 }
 
-TEST_P(CollectorBadInput, MalformedIdentifierRequestsRegisterNothing) {
-    REQUIRE_COLLECTOR();
-    CollectorProcess collector;
+TEST_P(CollectorMetrics, CountWhatWasStoredRefusedAndIssued) {
+    ZUB_REQUIRE_COLLECTOR();
+    CollectorProcess collector({"--max-body", "4000"});
     ASSERT_TRUE(collector.start()) << collector.failure();
-    const std::string path = "/?t=ios&ver=2.0";
-    const std::pair<zub::Data, int> cases[] = {
-        {rc4(bytes("{\"ifv\":"), key()), 2},
-        {rc4(bytes(R"(["ifv","ioa"])"), key()), 3},
-        {rc4(bytes(R"({"et":5,"ver":1,"mid":""})"), key()), 3},
-        {rc4(bytes(R"({"ifv":5})"), key()), 3},
-        {rc4(bytes(R"({"ui":")" + std::string(300, 'u') + "\"}"), key()), 3},
-        {rc4(bytes(R"({"ifv":"A"})"), "ffffffffffffffffffffffffffffffff"), 2},
-        {{}, 3},
-    };
-    for (const auto& [wire, ret] : cases) {
-        const auto reply = postRaw(collector.port(), path, wire, "rc4", key());
-        ASSERT_EQ(reply.status, 200) << reply.error;
-        EXPECT_EQ(retOf(reply.json), ret) << (reply.json ? reply.json->dump() : "no JSON");
-        EXPECT_FALSE(reply.json->value("msg", "").empty());
+    const zub::Value e = {{"ky", "m-app"}, {"si", 1}, {"ts", 1700000000}, {"et", 4}, {"mid", "m-1"}, {"du", 1}};
+    ASSERT_EQ(collector.report(zub::Value::array({e, e, e})), 0);
+    ASSERT_EQ(collector.report(zub::Value::array({e, e})), 0);
+    // Not JSON inside a correct wrapping, and a body over the limit.
+    EXPECT_EQ(postRaw(collector.port(), "/mstat/report", rc4(bytes("not json")), "rc4", "").status, 200);
+    EXPECT_EQ(postRaw(collector.port(), "/mstat/report", zub::Data(5000, 'x'), "rc4", "").status, 413);
+    // A new device, then the same device again.
+    const zub::Value device = {{"ifv", "IFV-M"}, {"ioa", ""}, {"ui", "0123456789abcdef0123456789abcdef01234567"}, {"mid", ""}};
+    ASSERT_EQ(zubtest::retOf(collector.post("/?t=ios&ver=2.0", device)), 0);
+    ASSERT_TRUE(collector.post("/?t=ios&ver=2.0", device));
+
+    const std::string dashboard = collector.dashboardUrl("");
+    const auto scrape = httplib::Client(dashboard).Get("/metrics");
+    ASSERT_TRUE(scrape && scrape->status == 200) << collector.log();
+    std::map<std::string, double> m;  // "name{labels}" -> value
+    std::istringstream lines(scrape->body);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty() && line[0] != '#') m[line.substr(0, line.rfind(' '))] = std::stod(line.substr(line.rfind(' ') + 1));
     }
-    EXPECT_EQ(collector.stats()["devicesRegistered"], 0);
-    const auto good = ZUBHttp::getInstance().httpPost(bytes(R"({"et":5,"ver":1,"ifv":"A","mid":""})"), 5,
-                                                      collector.url(path));
-    EXPECT_EQ(retOf(good), 0);
-    EXPECT_EQ(collector.stats()["devicesRegistered"], 1);
+    EXPECT_EQ(m["zub_collector_events_stored_total"], 5);
+    EXPECT_EQ(m["zub_collector_bad_requests_total{reason=\"not_json\"}"], 1);
+    EXPECT_EQ(m["zub_collector_bad_requests_total{reason=\"too_large\"}"], 1);
+    EXPECT_EQ(m["zub_collector_bad_requests_total{reason=\"wrapping\"}"], 0);
+    EXPECT_EQ(m["zub_collector_mids_issued_total"], 1);
+    EXPECT_EQ(m["zub_collector_requests_total{route=\"report\",code=\"2xx\"}"], 3);
+    EXPECT_EQ(m["zub_collector_requests_total{route=\"report\",code=\"4xx\"}"], 1);
+    EXPECT_EQ(m["zub_collector_requests_total{route=\"mid\",code=\"2xx\"}"], 2);
+    // The histogram holds every request once, its buckets never decrease.
+    EXPECT_EQ(m["zub_collector_request_duration_seconds_count{route=\"report\"}"], 4);
+    EXPECT_EQ(m["zub_collector_request_duration_seconds_bucket{route=\"report\",le=\"+Inf\"}"], 4);
+    EXPECT_LE(m["zub_collector_request_duration_seconds_bucket{route=\"report\",le=\"0.001\"}"],
+              m["zub_collector_request_duration_seconds_bucket{route=\"report\",le=\"10\"}"]);
+    EXPECT_GT(m["zub_collector_request_duration_seconds_sum{route=\"report\"}"], 0);
+    EXPECT_GT(m["zub_collector_database_size_bytes"], 4096);
 }

@@ -1,7 +1,6 @@
-// The collector's fault knobs, as the SDK's own tests will use them, and its
+// The collector's fault knobs, as the SDK's own tests use them, and its
 // behaviour under many clients at once.
 #include "Common/Network/ZUBHttp.h"
-#include "Common/ZUBProConfig.h"
 #include "support/CollectorProcess.h"
 
 #include <gtest/gtest.h>
@@ -10,36 +9,21 @@
 #include <thread>
 
 using zubtest::CollectorProcess;
-using zubtest::postRaw;
+using zubtest::retOf;
 
 namespace {
 
-#define REQUIRE_COLLECTOR() \
-    if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector"
-
-zub::Data batchOf(int first, int count) {
+zub::Value batchOf(int first, int count) {
     zub::Value batch = zub::Value::array();
     for (int i = first; i < first + count; ++i) {
         batch.push_back({{"ky", "app-A"}, {"si", 3}, {"ts", 1700000000 + i}, {"et", 1000}, {"mid", "mid-1"},
                          {"idx", i}, {"ei", "e" + std::to_string(i)}});
     }
-    const std::string text = batch.dump();
-    return zub::Data(text.begin(), text.end());
+    return batch;
 }
 
-zub::Data midBody(const std::string& ifv) {
-    const std::string text = zub::Value({{"et", 5}, {"ver", 1}, {"ifv", ifv}, {"mid", ""}}).dump();
-    return zub::Data(text.begin(), text.end());
-}
-
-int retOf(const std::optional<zub::Value>& reply) {
-    if (!reply || !reply->is_object() || !reply->contains("ret") || !(*reply)["ret"].is_number_integer()) return -1;
-    return (*reply)["ret"].get<int>();
-}
-
-std::optional<zub::Value> post(const zub::Data& body, const std::string& url, std::int64_t maxTime = 10) {
-    return ZUBHttp::getInstance().httpPost(body, maxTime, url);
-}
+const zub::Value kNewDevice = {{"et", 5}, {"ver", 1}, {"ifv", "IFV-SHARED"}, {"mid", ""}};
+const std::string kMidPath = "/?t=ios&ver=2.0";
 
 }  // namespace
 
@@ -48,50 +32,48 @@ std::optional<zub::Value> post(const zub::Data& body, const std::string& url, st
 class CollectorStop : public zubtest::CollectorStoreTest {};
 ZUB_COLLECTOR_STORES(CollectorStop);
 
-TEST(CollectorFaults, RetKnobAnswersWithoutStoringForTheGivenNumberOfReports) {
-    REQUIRE_COLLECTOR();
-    CollectorProcess collector({"--fault-ret", "7", "--fault-count", "2", "--fault-path", "report"});
-    ASSERT_TRUE(collector.start()) << collector.failure();
-    const std::string report = collector.url("/mstat/report");
-    EXPECT_EQ(*post(batchOf(0, 2), report), zub::Value::parse(R"({"ret":7})"));
-    // Identifier requests are outside the fault's path and are not counted.
-    EXPECT_EQ(retOf(post(midBody("IFV-1"), collector.url("/?t=ios&ver=2.0"))), 0);
-    EXPECT_EQ(retOf(post(batchOf(2, 2), report)), 7);
-    EXPECT_EQ(retOf(post(batchOf(4, 2), report)), 0);
-    const zub::Value rows = collector.storedEvents();
-    ASSERT_EQ(rows.size(), 2u);
-    EXPECT_EQ(rows[0]["idx"], 4);
-    EXPECT_NE(collector.log().find("ret=7 fault=ret"), std::string::npos);
-}
-
-TEST(CollectorFaults, StatusKnobAnswersThatStatus) {
-    REQUIRE_COLLECTOR();
-    CollectorProcess collector({"--fault-status", "503"});
-    ASSERT_TRUE(collector.start()) << collector.failure();
-    EXPECT_FALSE(post(batchOf(0, 2), collector.url("/mstat/report")).has_value());  // only 200 is an answer
-    EXPECT_EQ(postRaw(collector.port(), "/?t=ios&ver=2.0", {}, "rc4", "").status, 503);
-    EXPECT_EQ(collector.storedEvents().size(), 0u);
-    EXPECT_EQ(collector.stats()["devicesRegistered"], 0);
-}
-
-TEST(CollectorFaults, DropKnobCutsTheConnection) {
-    REQUIRE_COLLECTOR();
+TEST(CollectorFaults, KnobsAnswerAsToldForTheGivenNumberOfRequests) {
+    ZUB_REQUIRE_COLLECTOR();
+    {
+        // A ret answered without storing, for two reports; identifier requests are
+        // outside the fault's path and are not counted.
+        CollectorProcess collector({"--fault-ret", "7", "--fault-count", "2", "--fault-path", "report"});
+        ASSERT_TRUE(collector.start()) << collector.failure();
+        EXPECT_EQ(collector.post("/mstat/report", batchOf(0, 2)), zub::Value::parse(R"({"ret":7})"));
+        EXPECT_EQ(retOf(collector.post(kMidPath, kNewDevice)), 0);
+        EXPECT_EQ(collector.report(batchOf(2, 2)), 7);
+        EXPECT_EQ(collector.report(batchOf(4, 2)), 0);
+        const zub::Value rows = collector.storedEvents();
+        ASSERT_EQ(rows.size(), 2u);
+        EXPECT_EQ(rows[0]["idx"], 4);
+        EXPECT_NE(collector.log().find("ret=7 fault=ret"), std::string::npos);
+    }
+    {
+        // An HTTP status: only 200 is an answer for the library.
+        CollectorProcess collector({"--fault-status", "503"});
+        ASSERT_TRUE(collector.start()) << collector.failure();
+        EXPECT_FALSE(collector.post("/mstat/report", batchOf(0, 2)).has_value());
+        EXPECT_EQ(zubtest::postRaw(collector.port(), kMidPath, {}, "rc4", "").status, 503);
+        EXPECT_EQ(collector.storedEvents().size(), 0u);
+        EXPECT_EQ(collector.stats()["devicesRegistered"], 0);
+    }
+    // A cut connection: a connection-level failure for the library, once.
     CollectorProcess collector({"--fault-drop", "--fault-count", "1"});
     ASSERT_TRUE(collector.start()) << collector.failure();
-    const auto dropped = post(batchOf(0, 2), collector.url("/mstat/report"));
+    const auto dropped = collector.post("/mstat/report", batchOf(0, 2));
     ASSERT_TRUE(dropped.has_value());
-    EXPECT_TRUE(dropped->contains(responseErrorKey)) << dropped->dump();  // a connection-level failure
-    EXPECT_EQ(retOf(post(batchOf(2, 2), collector.url("/mstat/report"))), 0);
+    EXPECT_TRUE(dropped->contains(responseErrorKey)) << dropped->dump();
+    EXPECT_EQ(collector.report(batchOf(2, 2)), 0);
     EXPECT_EQ(collector.storedEvents().size(), 2u);
     EXPECT_NE(collector.log().find("fault=drop"), std::string::npos);
 }
 
 TEST_P(CollectorStop, DelayedReportIsStillStoredWhenTheCollectorStops) {
-    REQUIRE_COLLECTOR();
+    ZUB_REQUIRE_COLLECTOR();
     CollectorProcess collector({"--fault-delay-ms", "2500"});
     ASSERT_TRUE(collector.start()) << collector.failure();
     // The client gives up after one second; the collector is still holding the request.
-    const auto timedOut = post(batchOf(0, 3), collector.url("/mstat/report"), 1);
+    const auto timedOut = collector.post("/mstat/report", batchOf(0, 3), 1);
     ASSERT_TRUE(timedOut.has_value());
     ASSERT_TRUE(timedOut->contains(responseErrorKey)) << timedOut->dump();
     EXPECT_EQ((*timedOut)[responseErrorKey]["code"], -1001);
@@ -102,7 +84,7 @@ TEST_P(CollectorStop, DelayedReportIsStillStoredWhenTheCollectorStops) {
 }
 
 TEST(CollectorConcurrency, ParallelClientsLoseNothingAndShareOneMidPerDevice) {
-    REQUIRE_COLLECTOR();
+    ZUB_REQUIRE_COLLECTOR();
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
     constexpr int kThreads = 8;
@@ -114,12 +96,9 @@ TEST(CollectorConcurrency, ParallelClientsLoseNothingAndShareOneMidPerDevice) {
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             // Every thread registers the same new device at the same time.
-            const auto reply = post(midBody("IFV-SHARED"), collector.url("/?t=ios&ver=2.0"));
+            const auto reply = collector.post(kMidPath, kNewDevice);
             if (retOf(reply) == 0) mids[t] = (*reply)["mid"].get<std::string>();
-            for (int b = 0; b < kBatches; ++b) {
-                const int first = (t * kBatches + b) * kEvents;
-                if (retOf(post(batchOf(first, kEvents), collector.url("/mstat/report"))) != 0) ++failures[t];
-            }
+            for (int b = 0; b < kBatches; ++b) failures[t] += collector.report(batchOf((t * kBatches + b) * kEvents, kEvents)) != 0;
         });
     }
     for (auto& thread : threads) thread.join();

@@ -1,49 +1,17 @@
 #include "support/Browser.h"
 
+#include "support/CollectorProcess.h"
 #include "support/TempHome.h"
 
 #include <httplib.h>
-#include <openssl/evp.h>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
-
-#include <fstream>
 
 namespace zubtest {
 namespace {
 
 constexpr const char* kChromium = "/usr/bin/chromium";
 constexpr const char* kDriver = "/usr/bin/chromedriver";
-
-// A port nobody listens on now (the driver takes it a moment later).
-int freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return -1;
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    int port = -1;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0) {
-        port = ntohs(address.sin_port);
-    }
-    ::close(fd);
-    return port;
-}
-
-std::optional<std::string> decodeBase64(const std::string& text) {
-    std::string out(text.size() / 4 * 3 + 3, '\0');
-    const int n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                                  reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
-    if (n < 0) return std::nullopt;
-    std::size_t size = static_cast<std::size_t>(n);
-    for (auto it = text.rbegin(); it != text.rend() && *it == '=' && size > 0; ++it) --size;  // padding
-    out.resize(size);
-    return out;
-}
 
 }  // namespace
 
@@ -61,7 +29,7 @@ Browser::Browser(int width, int height) {
         failure_ = *why;
         return;
     }
-    port_ = freePort();
+    port_ = freeLoopbackPort();
     driver_ = std::make_unique<ChildProcess>(std::vector<std::string>{kDriver, "--port=" + std::to_string(port_)});
     if (!driver_->started()) {
         failure_ = "cannot start chromedriver";
@@ -153,20 +121,6 @@ bool Browser::waitFor(const std::string& script, std::chrono::milliseconds timeo
         "  })();\n"
         "});";
     return run(wait, zub::Value::array({timeout.count()})) == true;
-}
-
-bool Browser::resize(int width, int height) {
-    return ok() && call("POST", "/session/" + session_ + "/window/rect", {{"width", width}, {"height", height}});
-}
-
-bool Browser::screenshot(const std::filesystem::path& path) {
-    const auto value = call("GET", "/session/" + session_ + "/screenshot", nullptr);
-    if (!value || !value->is_string()) return false;
-    const auto png = decodeBase64(value->get<std::string>());
-    if (!png) return false;
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << *png;
-    return std::filesystem::file_size(path) == png->size();
 }
 
 }  // namespace zubtest

@@ -7,7 +7,6 @@
 //   browser.open(url);
 //   browser.waitFor("return document.body.dataset.state === 'ready'");
 //   zub::Value n = browser.run("return document.title");
-//   browser.screenshot(path);
 //
 // The driver and the browser run as child processes with a profile under the
 // test's HOME; the destructor ends the session and the driver.
@@ -18,7 +17,6 @@
 #include <ZUBCocoa/ZUBValue.h>
 
 #include <chrono>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -46,10 +44,6 @@ public:
     zub::Value run(const std::string& script, const zub::Value& args = zub::Value::array());
     /// Runs `script` until it returns true, at most `timeout`; false at the end of it.
     bool waitFor(const std::string& script, std::chrono::milliseconds timeout = std::chrono::seconds(60));
-    /// Makes the window `width` x `height` pixels (a phone's, a laptop's).
-    bool resize(int width, int height);
-    /// Saves a PNG of the visible page (the window) to `path`.
-    bool screenshot(const std::filesystem::path& path);
 
 private:
     std::optional<zub::Value> call(const std::string& method, const std::string& path, const zub::Value& body);

@@ -3,25 +3,21 @@
 #include "support/PostgresServer.h"
 #include "support/TempHome.h"
 
+#include "Common/Network/ZUBHttp.h"
 #include "Common/ZUBProHelper.h"
 
 #include <httplib.h>
 
-#include <fcntl.h>
-#include <poll.h>
+#include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
-
-extern char** environ;
 
 namespace zubtest {
 namespace {
@@ -29,39 +25,22 @@ namespace {
 std::atomic<int> instanceCounter{0};
 std::atomic<CollectorProcess::Store> currentStore{CollectorProcess::Store::Sqlite};
 
-// Reads what is available on `fd` into `into` until `until` holds or the time is up.
-// Returns false on timeout; `eof` tells whether the writer closed its end.
-template <typename Done>
-bool readUntil(int fd, std::string& into, std::chrono::milliseconds timeout, bool& eof, Done until) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    eof = false;
-    while (!until()) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
-        pollfd p{fd, POLLIN, 0};
-        const int ready = ::poll(&p, 1, static_cast<int>(left.count()));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) return false;
-        char buffer[4096];
-        const ssize_t n = ::read(fd, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            eof = true;
-            return until();
-        }
-        into.append(buffer, static_cast<std::size_t>(n));
-    }
-    return true;
+std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
 }
 
-std::vector<char*> argvOf(std::vector<std::string>& args) {
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
+// argv run through the shell so that its stdout and stderr go where the shell's
+// first two arguments say ("-" for stdout: left to the pipe).
+std::vector<std::string> redirected(const std::string& out, const std::string& err, std::vector<std::string> argv) {
+    argv.insert(argv.begin(), {"/bin/sh", "-c",
+                               "o=$1 e=$2; shift 2; if [ \"$o\" = - ]; then exec \"$@\" 2>>\"$e\"; fi; "
+                               "exec \"$@\" >\"$o\" 2>\"$e\"",
+                               "sh", out, err});
     return argv;
 }
-
-int exitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
 
 }  // namespace
 
@@ -86,6 +65,45 @@ CollectorReply postRaw(int port, const std::string& pathAndQuery, const zub::Dat
     return reply;
 }
 
+int retOf(const std::optional<zub::Value>& reply) {
+    if (!reply || !reply->is_object() || !reply->contains("ret") || !(*reply)["ret"].is_number_integer()) return -1;
+    return (*reply)["ret"].get<int>();
+}
+
+int freeLoopbackPort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0) return -1;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    int port = -1;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0) {
+        port = ntohs(address.sin_port);
+    }
+    ::close(fd);
+    return port;
+}
+
+int runDemoHost(const std::string& collectorUrl, const std::string& app, int launches) {
+#ifdef ZUB_DEMO_PATH
+    const std::filesystem::path home = TempHome::makeDir("user-" + app);
+    for (int launch = 0; launch < launches; ++launch) {
+        ChildProcess demo({ZUB_DEMO_PATH, "--collector", collectorUrl, "--app-key", app, "--pause-ms", "0"},
+                          {"HOME=" + home.string(), "XDG_CONFIG_HOME=" + (home / ".config").string(),
+                           "XDG_DATA_HOME=" + (home / ".local/share").string()});
+        while (demo.readLine(std::chrono::seconds(120))) {
+        }
+        if (const int code = demo.wait(); code != 0) return code;
+    }
+    return 0;
+#else
+    (void)collectorUrl, (void)app, (void)launches;
+    return -1;
+#endif
+}
+
 bool CollectorProcess::available() {
 #ifdef ZUB_COLLECTOR_PATH
     return true;
@@ -95,7 +113,6 @@ bool CollectorProcess::available() {
 }
 
 std::string CollectorProcess::binaryPath() {
-    // Another build of the collector, to time it against the same load.
     if (const char* other = std::getenv("ZUB_COLLECTOR_BINARY"); other && *other) return other;
 #ifdef ZUB_COLLECTOR_PATH
     return ZUB_COLLECTOR_PATH;
@@ -110,57 +127,18 @@ CommandResult CollectorProcess::run(const std::vector<std::string>& args) {
         result.err = "this build has no collector";
         return result;
     }
-    int outPipe[2];
-    int errPipe[2];
-    if (::pipe2(outPipe, O_CLOEXEC) != 0) return result;
-    if (::pipe2(errPipe, O_CLOEXEC) != 0) {
-        ::close(outPipe[0]);
-        ::close(outPipe[1]);
-        return result;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
+    // Both streams go to files, so that neither pipe can fill up and stall the command.
+    const std::filesystem::path dir =
+        TempHome::makeDir("run-" + std::to_string(::getpid()) + "-" + std::to_string(instanceCounter++));
     std::vector<std::string> full{binaryPath()};
     full.insert(full.end(), args.begin(), args.end());
-    auto argv = argvOf(full);
-    pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, full[0].c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(outPipe[1]);
-    ::close(errPipe[1]);
-    if (spawned != 0) {
-        ::close(outPipe[0]);
-        ::close(errPipe[0]);
-        result.err = "cannot start " + full[0];
-        return result;
-    }
-    // Drain both pipes together so that neither can fill up and stall the child.
-    pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-    int open = 2;
-    while (open > 0) {
-        if (::poll(fds, 2, 120000) <= 0) break;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-            char buffer[8192];
-            const ssize_t n = ::read(fds[i].fd, buffer, sizeof buffer);
-            if (n > 0) {
-                (i == 0 ? result.out : result.err).append(buffer, static_cast<std::size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                ::close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-            }
-        }
-    }
-    for (auto& p : fds) {
-        if (p.fd >= 0) ::close(p.fd);
-    }
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    result.exitCode = exitCodeOf(status);
+    ChildProcess command(redirected((dir / "out").string(), (dir / "err").string(), full));
+    const int code = command.wait();
+    result.exitCode = code >= 0 && code < 128 ? code : -1;
+    result.out = readFile(dir / "out");
+    result.err = readFile(dir / "err");
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
     return result;
 }
 
@@ -180,13 +158,7 @@ CollectorProcess::CollectorProcess(std::vector<std::string> extraArgs, std::file
     : extraArgs_(std::move(extraArgs)), db_(std::move(db)) {
     const std::filesystem::path dir =
         TempHome::makeDir("collector-" + std::to_string(::getpid()) + "-" + std::to_string(instanceCounter++));
-    if (db_.empty()) {
-        if (store() == Store::Postgres) {
-            db_ = PostgresServer::newDatabase(failure_);
-        } else {
-            db_ = dir / "collector.db";
-        }
-    }
+    if (db_.empty()) db_ = store() == Store::Postgres ? PostgresServer::newDatabase(failure_) : (dir / "collector.db").string();
     logPath_ = dir / "collector.log";
 }
 
@@ -194,49 +166,28 @@ CollectorProcess::~CollectorProcess() { stop(); }
 
 bool CollectorProcess::start() {
     if (db_.empty()) return false;  // no database could be made: failure() says why
+    if (running()) return true;
     failure_.clear();
     output_.clear();
     if (!available()) {
         failure_ = "this build has no collector";
         return false;
     }
-    if (running()) return true;
-    int outPipe[2];
-    if (::pipe2(outPipe, O_CLOEXEC) != 0) {
-        failure_ = "pipe failed";
-        return false;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logPath_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     std::vector<std::string> args{binaryPath(), "--port", "0", "--db", db_.string()};
     args.insert(args.end(), extraArgs_.begin(), extraArgs_.end());
-    auto argv = argvOf(args);
-    const int spawned = posix_spawn(&pid_, args[0].c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(outPipe[1]);
-    if (spawned != 0) {
-        ::close(outPipe[0]);
-        pid_ = -1;
-        failure_ = "cannot start " + args[0];
-        return false;
-    }
-    stdoutFd_ = outPipe[0];
-
-    bool eof = false;
-    const bool gotLine = readUntil(stdoutFd_, output_, std::chrono::seconds(60), eof,
-                                   [this] { return output_.find('\n') != std::string::npos; });
-    if (gotLine) {
-        const zub::Value ready = zub::Value::parse(output_.substr(0, output_.find('\n')), nullptr, false);
+    child_ = std::make_unique<ChildProcess>(redirected("-", logPath_.string(), args));
+    const auto line = child_->readLine(std::chrono::seconds(60));
+    if (line) {
+        output_ = *line + "\n";
+        const zub::Value ready = zub::Value::parse(*line, nullptr, false);
         if (ready.is_object() && ready.value("event", "") == "listening" && ready.contains("port") &&
             ready["port"].is_number_integer()) {
             port_ = ready["port"].get<int>();
             return true;
         }
-        failure_ = "unexpected first line: " + output_;
+        failure_ = "unexpected first line: " + *line;
     } else {
-        failure_ = eof ? "the collector exited before listening" : "the collector did not start within 60 s";
+        failure_ = "the collector did not start (or exited) within 60 s";
     }
     const int code = stop();
     failure_ += " (exit code " + std::to_string(code) + "); log:\n" + log();
@@ -244,32 +195,23 @@ bool CollectorProcess::start() {
 }
 
 int CollectorProcess::stop() {
-    if (pid_ <= 0) return -1;
-    ::kill(pid_, SIGTERM);
+    if (!child_) return -1;
+    ::kill(child_->pid(), SIGTERM);
     // Keep reading stdout so that the final line is captured and the child never blocks on it.
-    bool eof = false;
-    readUntil(stdoutFd_, output_, std::chrono::seconds(60), eof, [] { return false; });
-    if (!eof) ::kill(pid_, SIGKILL);  // it did not finish within a minute: do not hang the test
-    int status = 0;
-    pid_t waited;
-    while ((waited = ::waitpid(pid_, &status, 0)) < 0 && errno == EINTR) {
-    }
-    if (stdoutFd_ >= 0) ::close(stdoutFd_);
-    stdoutFd_ = -1;
-    pid_ = -1;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (auto line = child_->readLine(std::chrono::seconds(60))) output_ += *line + "\n";
+    if (std::chrono::steady_clock::now() >= deadline) ::kill(child_->pid(), SIGKILL);  // do not hang the test
+    const int code = child_->wait();
+    child_.reset();
     port_ = -1;
-    return waited > 0 ? exitCodeOf(status) : -1;
+    return code >= 0 && code < 128 ? code : -1;
 }
 
 void CollectorProcess::kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    int status = 0;
-    while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (stdoutFd_ >= 0) ::close(stdoutFd_);
-    stdoutFd_ = -1;
-    pid_ = -1;
+    if (!child_) return;
+    ::kill(child_->pid(), SIGKILL);
+    child_->wait();
+    child_.reset();
     port_ = -1;
 }
 
@@ -285,11 +227,12 @@ std::string CollectorProcess::dashboardUrl(const std::string& pathAndQuery) cons
     return base + pathAndQuery;
 }
 
-std::string CollectorProcess::log() const {
-    std::ifstream in(logPath_);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+std::string CollectorProcess::log() const { return readFile(logPath_); }
+
+std::optional<zub::Value> CollectorProcess::post(const std::string& pathAndQuery, const zub::Value& body,
+                                                 std::int64_t maxSeconds) const {
+    const std::string text = body.dump();
+    return ZUBHttp::getInstance().httpPost(zub::Data(text.begin(), text.end()), maxSeconds, url(pathAndQuery));
 }
 
 zub::Value CollectorProcess::storedEvents(const std::vector<std::string>& filters) {
@@ -304,8 +247,10 @@ zub::Value CollectorProcess::storedEvents(const std::vector<std::string>& filter
     return rows;
 }
 
-zub::Value CollectorProcess::stats() {
-    const CommandResult result = run({"stats", "--db", db_.string(), "--json"});
+zub::Value CollectorProcess::stats(const std::vector<std::string>& more) {
+    std::vector<std::string> args{"stats", "--db", db_.string(), "--json"};
+    args.insert(args.end(), more.begin(), more.end());
+    const CommandResult result = run(args);
     zub::Value stats = zub::Value::parse(result.out, nullptr, false);
     if (result.exitCode != 0 || !stats.is_object()) {
         failure_ = "stats --json failed (" + std::to_string(result.exitCode) + "): " + result.err;

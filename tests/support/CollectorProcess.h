@@ -4,7 +4,7 @@
 //
 //   zubtest::CollectorProcess collector({"--config", path});
 //   ASSERT_TRUE(collector.start()) << collector.failure();
-//   ... post to collector.url("/mstat/report") ...
+//   EXPECT_EQ(collector.report(batch), 0);   // posted through the library's transport
 //   EXPECT_EQ(collector.stop(), 0);
 //   auto rows = collector.storedEvents();   // `events --json` on its database
 //
@@ -16,16 +16,20 @@
 // Available only when the build has the collector (ZUB_COLLECTOR_PATH).
 #pragma once
 
+#include "support/ChildProcess.h"
+
 #include <ZUBCocoa/ZUBValue.h>
 
 #include <gtest/gtest.h>
 
-#include <sys/types.h>
-
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#define ZUB_REQUIRE_COLLECTOR() \
+    if (!zubtest::CollectorProcess::available()) GTEST_SKIP() << "this build has no collector"
 
 namespace zubtest {
 
@@ -47,6 +51,17 @@ struct CollectorReply {
 /// reply with `key`.
 CollectorReply postRaw(int port, const std::string& pathAndQuery, const zub::Data& wire, const std::string& encoding,
                        const std::string& key);
+
+/// The "ret" of a collector's answer; -1 when there is none.
+int retOf(const std::optional<zub::Value>& reply);
+
+/// A loopback TCP port nobody listens on now (for a server about to start).
+int freeLoopbackPort();
+
+/// Runs the demo host `launches` times as a user of its own, reporting to
+/// `collectorUrl` under `app` (each launch sends what the one before saved at its
+/// quit). The exit code of the first that failed, else 0; -1 without a demo host.
+int runDemoHost(const std::string& collectorUrl, const std::string& app, int launches = 2);
 
 class CollectorProcess {
 public:
@@ -79,7 +94,7 @@ public:
     int stop();
     /// SIGKILL: the collector ends at once, answering nothing more. Reaps it.
     void kill();
-    bool running() const { return pid_ > 0; }
+    bool running() const { return child_ != nullptr; }
 
     int port() const { return port_; }
     std::string url(const std::string& pathAndQuery) const;
@@ -94,18 +109,24 @@ public:
     const std::string& output() const { return output_; }
     const std::string& failure() const { return failure_; }
 
+    /// POSTs `body` (JSON) to `pathAndQuery` through the library's own transport
+    /// (wrapping, enciphering, deciphering): the answer, as the library reads it.
+    std::optional<zub::Value> post(const std::string& pathAndQuery, const zub::Value& body,
+                                   std::int64_t maxSeconds = 10) const;
+    /// post() of a batch to the report path: the answer's "ret", -1 without one.
+    int report(const zub::Value& batch) const { return retOf(post("/mstat/report", batch)); }
+
     /// `events --json [filters]` on this collector's database: the parsed array
     /// (an empty array, with failure() set, when the command fails).
     zub::Value storedEvents(const std::vector<std::string>& filters = {});
-    /// `stats --json` on this database (null on failure).
-    zub::Value stats();
+    /// `stats --json [more]` on this database (null on failure).
+    zub::Value stats(const std::vector<std::string>& more = {});
 
 private:
     std::vector<std::string> extraArgs_;
     std::filesystem::path db_;
     std::filesystem::path logPath_;
-    pid_t pid_ = -1;
-    int stdoutFd_ = -1;
+    std::unique_ptr<ChildProcess> child_;
     int port_ = -1;
     std::string output_;
     std::string failure_;

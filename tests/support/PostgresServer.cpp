@@ -1,21 +1,13 @@
 #include "support/PostgresServer.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <grp.h>
-#include <netinet/in.h>
+#include "support/CollectorProcess.h"
+
 #include <pwd.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <memory>
-#include <poll.h>
+#include <cstdlib>
 #include <vector>
 
 namespace zubtest {
@@ -29,8 +21,7 @@ std::filesystem::path serverBinaries() {
     int bestVersion = -1;
     std::error_code ec;
     for (const auto& entry : std::filesystem::directory_iterator("/usr/lib/postgresql", ec)) {
-        const std::string name = entry.path().filename().string();
-        const int version = std::atoi(name.c_str());
+        const int version = std::atoi(entry.path().filename().c_str());
         if (version > bestVersion && std::filesystem::exists(entry.path() / "bin" / "initdb", ec)) {
             bestVersion = version;
             best = entry.path() / "bin";
@@ -39,84 +30,25 @@ std::filesystem::path serverBinaries() {
     return best;
 }
 
-struct Identity {
-    bool drop = false;  // running as root: the server's programs run as `nobody`
-    uid_t uid = 0;
-    gid_t gid = 0;
-};
-
-Identity serverIdentity() {
-    Identity id;
-    if (::geteuid() != 0) return id;
-    const passwd* nobody = ::getpwnam("nobody");
-    if (!nobody) return id;
-    id.drop = true;
-    id.uid = nobody->pw_uid;
-    id.gid = nobody->pw_gid;
-    return id;
+// The start of a command line that runs a server program: as `nobody` when the
+// tests run as root, ended by the kernel (SIGQUIT: immediate shutdown) when the
+// thread that started it ends.
+std::vector<std::string> asServerUser(uid_t& uid, gid_t& gid) {
+    std::vector<std::string> prefix{"setpriv", "--pdeathsig", "SIGQUIT"};
+    const passwd* nobody = ::geteuid() == 0 ? ::getpwnam("nobody") : nullptr;
+    uid = nobody ? nobody->pw_uid : ::geteuid();
+    gid = nobody ? nobody->pw_gid : ::getegid();
+    if (nobody) {
+        prefix.insert(prefix.end(), {"--reuid=" + std::to_string(uid), "--regid=" + std::to_string(gid),
+                                     "--clear-groups"});
+    }
+    prefix.push_back("--");
+    return prefix;
 }
 
-// In a forked child: becomes `id` (when it must), with `out` as stdout and stderr.
-void becomeChild(const Identity& id, int out) {
-    ::dup2(out, STDOUT_FILENO);
-    ::dup2(out, STDERR_FILENO);
-    if (id.drop && (::setgroups(0, nullptr) != 0 || ::setgid(id.gid) != 0 || ::setuid(id.uid) != 0)) ::_exit(126);
-}
-
-std::vector<char*> argvOf(std::vector<std::string>& args) {
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    return argv;
-}
-
-// Runs a program to its end; its exit code (-1 when it could not run) and its output.
-int runProgram(std::vector<std::string> args, const Identity& id, std::string& output) {
-    int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0) return -1;
-    auto argv = argvOf(args);
-    const pid_t pid = ::fork();
-    if (pid < 0) {
-        ::close(pipeFds[0]);
-        ::close(pipeFds[1]);
-        return -1;
-    }
-    if (pid == 0) {
-        becomeChild(id, pipeFds[1]);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    ::close(pipeFds[1]);
-    char buffer[4096];
-    for (;;) {
-        const ssize_t n = ::read(pipeFds[0], buffer, sizeof buffer);
-        if (n > 0) {
-            output.append(buffer, static_cast<std::size_t>(n));
-        } else if (n == 0 || errno != EINTR) {
-            break;
-        }
-    }
-    ::close(pipeFds[0]);
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-int freeLoopbackPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return -1;
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    int port = -1;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-        port = ntohs(address.sin_port);
-    }
-    ::close(fd);
-    return port;
+std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
 }
 
 std::unique_ptr<PostgresServer>& instance() {
@@ -143,92 +75,54 @@ bool PostgresServer::start(std::string& error) {
         error = "PostgreSQL's server is not installed (no /usr/lib/postgresql/*/bin/initdb); scripts/deps installs it";
         return false;
     }
-    const Identity id = serverIdentity();
+    uid_t uid = 0;
+    gid_t gid = 0;
+    const std::vector<std::string> as = asServerUser(uid, gid);
     std::string templ = "/tmp/zub-pg-XXXXXX";  // reachable by the server's user, unlike the test's HOME
-    if (::mkdtemp(templ.data()) == nullptr) {
-        error = "cannot make a directory for the server";
+    if (::mkdtemp(templ.data()) == nullptr || ::chown(templ.c_str(), uid, gid) != 0) {
+        error = "cannot make a directory for the server's user";
         return false;
     }
     dir_ = templ;
-    if (id.drop && ::chown(dir_.c_str(), id.uid, id.gid) != 0) {
-        error = "cannot give " + dir_.string() + " to the server's user";
+    const std::string data = (dir_ / "data").string();
+    if (ChildProcess::run(as + std::vector<std::string>{(bin_ / "initdb").string(), "-D", data, "-U", kUser,
+                                                        "--auth=trust", "--locale=C", "--encoding=UTF8", "--no-sync"}) !=
+        0) {
+        error = "initdb failed (its messages are above)";
         return false;
     }
-    std::string output;
-    const std::filesystem::path data = dir_ / "data";
-    if (runProgram({(bin_ / "initdb").string(), "-D", data.string(), "-U", kUser, "--auth=trust", "--locale=C",
-                    "--encoding=UTF8", "--no-sync"},
-                   id, output) != 0) {
-        error = "initdb failed: " + output;
-        return false;
-    }
-    const std::string logPath = (dir_ / "server.log").string();
-    for (int attempt = 0; attempt < 5 && pid_ < 0; ++attempt) {
+    // The server's messages go to its log; a server that exits (its port was
+    // taken meanwhile) is tried again on another port.
+    const std::string log = (dir_ / "server.log").string();
+    for (int attempt = 0; attempt < 5 && !server_; ++attempt) {
         port_ = freeLoopbackPort();
-        const int log = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-        if (log < 0 || port_ <= 0) {
-            error = "cannot open the server's log or find a free port";
-            return false;
-        }
-        if (id.drop && ::fchown(log, id.uid, id.gid) != 0) {
-            ::close(log);
-            error = "cannot give the server its log";
-            return false;
-        }
-        std::vector<std::string> args{(bin_ / "postgres").string(), "-D", data.string(), "-p", std::to_string(port_),
-                                      "-k", dir_.string(), "-c", "listen_addresses=127.0.0.1", "-c", "fsync=off",
-                                      "-c", "max_connections=200", "-c", "full_page_writes=off"};
-        auto argv = argvOf(args);
-        const pid_t parent = ::getpid();
-        const pid_t pid = ::fork();
-        if (pid == 0) {
-            becomeChild(id, log);
-            // The server ends with this process, however it ends (after the change
-            // of user, which clears the setting).
-            ::prctl(PR_SET_PDEATHSIG, SIGQUIT);
-            if (::getppid() != parent) ::_exit(1);
-            ::execv(argv[0], argv.data());
-            ::_exit(127);
-        }
-        ::close(log);
-        if (pid < 0) {
-            error = "cannot start the server";
-            return false;
-        }
-        // Ready when it answers; a server that exits (its port was taken meanwhile)
-        // is tried again on another port.
+        server_ = std::make_unique<ChildProcess>(
+            as + std::vector<std::string>{"/bin/sh", "-c", "l=$1; shift; exec \"$@\" 2>>\"$l\"", "sh", log,
+                                          (bin_ / "postgres").string(), "-D", data, "-p", std::to_string(port_), "-k",
+                                          dir_.string(), "-c", "listen_addresses=127.0.0.1", "-c", "fsync=off", "-c",
+                                          "max_connections=200", "-c", "full_page_writes=off"});
+        // Ready when it answers. It writes nothing to stdout, so reading that waits
+        // out the time given, unless the server has ended and closed it.
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        for (;;) {
-            int status = 0;
-            if (::waitpid(pid, &status, WNOHANG) == pid) break;
-            std::string ignored;
-            if (runProgram({(bin_ / "pg_isready").string(), "-q", "-h", "127.0.0.1", "-p", std::to_string(port_)},
-                           Identity{}, ignored) == 0) {
-                pid_ = pid;
+        while (ChildProcess::run({(bin_ / "pg_isready").string(), "-q", "-h", "127.0.0.1", "-p",
+                                  std::to_string(port_)}) != 0) {
+            const auto before = std::chrono::steady_clock::now();
+            server_->readLine(std::chrono::milliseconds(20));
+            if (std::chrono::steady_clock::now() - before < std::chrono::milliseconds(15) ||
+                std::chrono::steady_clock::now() > deadline) {
+                server_.reset();
                 break;
             }
-            if (std::chrono::steady_clock::now() > deadline) {
-                ::kill(pid, SIGQUIT);
-                ::waitpid(pid, &status, 0);
-                error = "the server did not become ready within 60 s";
-                return false;
-            }
-            ::poll(nullptr, 0, 20);  // pg_isready has no wait of its own below one second
         }
     }
-    if (pid_ < 0) {
-        error = "the server did not start; its log is " + logPath;
-        return false;
-    }
-    return true;
+    if (!server_) error = "the server did not start; its log is " + log;
+    return server_ != nullptr;
 }
 
 PostgresServer::~PostgresServer() {
-    if (pid_ > 0) {
-        ::kill(pid_, SIGQUIT);  // immediate shutdown: nothing of it is kept
-        int status = 0;
-        while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-        }
+    if (server_) {
+        ::kill(server_->pid(), SIGQUIT);  // immediate shutdown: nothing of it is kept
+        server_->wait();
     }
     std::error_code ec;
     if (!dir_.empty()) std::filesystem::remove_all(dir_, ec);
@@ -238,22 +132,21 @@ std::string PostgresServer::newDatabase(std::string& error) {
     PostgresServer* server = shared(error);
     if (!server) return {};
     const std::string name = "zub_" + std::to_string(++server->databases_);
-    std::string output;
-    if (runProgram({(server->bin_ / "createdb").string(),
-                    "-h", "127.0.0.1", "-p", std::to_string(server->port_), "-U", kUser, name},
-                   Identity{}, output) != 0) {
-        error = "createdb failed: " + output;
+    if (ChildProcess::run({(server->bin_ / "createdb").string(), "-h", "127.0.0.1", "-p",
+                           std::to_string(server->port_), "-U", kUser, name}) != 0) {
+        error = "createdb failed (its messages are above)";
         return {};
     }
     return "postgresql://" + std::string(kUser) + "@127.0.0.1:" + std::to_string(server->port_) + "/" + name;
 }
 
 std::optional<std::string> PostgresServer::query(const std::string& url, const std::string& sql, std::string& error) {
-    const std::filesystem::path bin = serverBinaries();
+    ChildProcess psql({(serverBinaries() / "psql").string(), "-X", "-q", "-A", "-t", "-v", "ON_ERROR_STOP=1", "-d",
+                       url, "-c", sql});
     std::string output;
-    if (runProgram({(bin / "psql").string(), "-X", "-q", "-A", "-t", "-v", "ON_ERROR_STOP=1", "-d", url, "-c", sql},
-                   Identity{}, output) != 0) {
-        error = "psql failed: " + output;
+    while (auto line = psql.readLine(std::chrono::seconds(60))) output += *line + "\n";
+    if (psql.wait() != 0) {
+        error = "psql failed (its messages are above)";
         return std::nullopt;
     }
     return output;

@@ -12,7 +12,10 @@
 // Missing binaries are a failure, not a reason to skip: scripts/deps installs them.
 #pragma once
 
+#include "support/ChildProcess.h"
+
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -38,8 +41,8 @@ private:
 
     std::filesystem::path bin_;
     std::filesystem::path dir_;
+    std::unique_ptr<ChildProcess> server_;
     int port_ = -1;
-    int pid_ = -1;
     int databases_ = 0;
 };
 
