@@ -1,5 +1,7 @@
 // Host threads tracking while report cycles run and the host drives the
-// lifecycle: run under ThreadSanitizer as well.
+// lifecycle: run under ThreadSanitizer as well. (First calls from many threads
+// and tracking alone have their own concurrency tests; this one turns the whole
+// lifecycle against real report cycles.)
 #include "Common/DeviceID/ZUBProMid.h"
 #include "Common/ZUBProConfig.h"
 #include "Dal/ZUBDeviceIDDal.h"
@@ -24,11 +26,11 @@ namespace {
 
 using Events = std::vector<std::shared_ptr<ZUBProEvent>>;
 
-// Each thread reports plain events (as a plug-in does) and asks for the session id.
-std::vector<Events> trackOnThreads(int threads, int each) {
-    std::vector<Events> made(static_cast<std::size_t>(threads));
+// Eight threads report plain events (as a plug-in does) and ask for the session id.
+Events trackOnThreads(int each) {
+    std::vector<Events> made(8);
     std::vector<std::thread> workers;
-    for (int t = 0; t < threads; ++t) {
+    for (int t = 0; t < 8; ++t) {
         workers.emplace_back([&made, t, each] {
             for (int i = 0; i < each; ++i) {
                 auto e = std::make_shared<ZUBProEvent>();
@@ -41,7 +43,16 @@ std::vector<Events> trackOnThreads(int threads, int each) {
         });
     }
     for (auto& w : workers) w.join();
-    return made;
+    Events all;
+    for (auto& events : made) all.insert(all.end(), events.begin(), events.end());
+    return all;
+}
+
+// The keys the filed events got.
+std::set<std::string> keysOf(const Events& events) {
+    std::set<std::string> keys;
+    for (const auto& e : events) keys.insert(e->md5().value_or("<none>"));
+    return keys;
 }
 
 }  // namespace
@@ -61,7 +72,7 @@ TEST(ReportPipelineConcurrency, HostThreadsTrackWhileCyclesRunAndTheLifecycleTur
     ASSERT_FALSE(ZUBDeviceIDDal::getInstance().getMID().empty());
     ZUBPro::startWithAppKey("app-threads");
 
-    // Phase one: eight threads track while the host turns the lifecycle. Saving and
+    // Phase one: the threads track while the host turns the lifecycle. Saving and
     // then loading replaces the dictionaries by design, so this phase checks only
     // that nothing races, crashes or arrives that was never reported.
     std::atomic<bool> tracking{true};
@@ -75,23 +86,15 @@ TEST(ReportPipelineConcurrency, HostThreadsTrackWhileCyclesRunAndTheLifecycleTur
             (void)ZUBPro::getDeviceIDs();
         }
     });
-    const auto first = trackOnThreads(8, 150);
+    const Events first = trackOnThreads(150);
     tracking = false;
     host.join();
-
     // Phase two: no lifecycle calls, so every event must arrive.
-    const auto second = trackOnThreads(8, 50);
+    const Events second = trackOnThreads(50);
     ASSERT_TRUE(zubtest::settlePipeline());
-
-    std::set<std::string> reported;
-    for (const auto* phase : {&first, &second}) {
-        for (const auto& events : *phase) {
-            for (const auto& e : events) {
-                ASSERT_TRUE(e->md5().has_value());
-                reported.insert(*e->md5());
-            }
-        }
-    }
+    std::set<std::string> reported = keysOf(first);
+    const std::set<std::string> secondKeys = keysOf(second);
+    reported.insert(secondKeys.begin(), secondKeys.end());
     ASSERT_EQ(reported.size(), 8u * 200u);  // every event got its own key
 
     std::set<std::string> stored;
@@ -102,8 +105,6 @@ TEST(ReportPipelineConcurrency, HostThreadsTrackWhileCyclesRunAndTheLifecycleTur
         EXPECT_TRUE(reported.count(m5)) << "never reported: " << e;
         stored.insert(m5);
     }
-    for (const auto& events : second) {
-        for (const auto& e : events) EXPECT_TRUE(stored.count(*e->md5())) << "lost: " << *e->md5();
-    }
+    for (const auto& key : secondKeys) EXPECT_TRUE(stored.count(key)) << "lost: " << key;
     EXPECT_FALSE(ZUBEventLogic::getInstance().isSendingCacheEvent());
 }

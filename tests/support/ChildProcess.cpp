@@ -164,4 +164,14 @@ int ChildProcess::run(const std::vector<std::string>& argv) {
     return reap(pid);
 }
 
+std::vector<std::string> ChildProcess::outputOf(const std::vector<std::string>& argv,
+                                                std::chrono::milliseconds timeout) {
+    ChildProcess child(argv);
+    child.closeInput();
+    std::vector<std::string> lines;
+    while (auto line = child.readLine(timeout)) lines.push_back(*line);
+    lines.push_back("exit " + std::to_string(child.wait()));
+    return lines;
+}
+
 }  // namespace zubtest

@@ -37,6 +37,11 @@ public:
     /// Runs a command to its end with input and output on /dev/null (errors still reach standard error); its exit
     /// status as wait() gives it, or -1 when it cannot be started.
     static int run(const std::vector<std::string>& argv);
+    /// Runs a command with its input closed and gives the lines it printed, then
+    /// "exit <status>"; reading ends at the end of its output or when no line comes
+    /// within `timeout`.
+    static std::vector<std::string> outputOf(const std::vector<std::string>& argv,
+                                             std::chrono::milliseconds timeout = std::chrono::minutes(5));
 
 private:
     pid_t pid_ = -1;

@@ -4,13 +4,17 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <iostream>
+#include <mutex>
 
 namespace zubtest {
 
@@ -80,8 +84,6 @@ bool running(const std::string& ifname) {
     return up;
 }
 
-}  // namespace
-
 bool awaitCarrier(const std::string& ifname, bool wanted) {
     const int nl = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
     if (nl < 0) return false;
@@ -103,6 +105,39 @@ bool awaitCarrier(const std::string& ifname, bool wanted) {
     }
     ::close(nl);
     return reached;
+}
+
+}  // namespace
+
+void say(const std::string& line) {
+    static std::mutex mutex;
+    std::lock_guard lock(mutex);
+    std::fputs((line + "\n").c_str(), stdout);
+    std::fflush(stdout);
+}
+
+int serveNamespace(const std::function<std::string(const std::string& command, const std::string& arg)>& answer) {
+    if (::unshare(CLONE_NEWNET) != 0) {
+        say(std::string("skip cannot make a network namespace: ") + std::strerror(errno));
+        return 77;
+    }
+    say("ready");
+    std::string line;
+    while (std::getline(std::cin, line) && line != "quit") {
+        const auto space = line.find(' ');
+        const std::string command = line.substr(0, space);
+        const std::string arg = space == std::string::npos ? "" : line.substr(space + 1);
+        std::string reply;
+        if (command == "carrier") {
+            const auto sep = arg.find(' ');
+            const bool wanted = sep != std::string::npos && arg.substr(sep + 1) == "1";
+            reply = awaitCarrier(arg.substr(0, sep), wanted) ? "carrier " + arg : "timeout";
+        } else {
+            reply = answer(command, arg);
+        }
+        if (!reply.empty()) say(reply);
+    }
+    return 0;
 }
 
 }  // namespace zubtest

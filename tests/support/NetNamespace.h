@@ -16,6 +16,7 @@
 
 #include "support/ChildProcess.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -41,8 +42,7 @@ public:
     std::vector<std::string> finish();
     int exitCode() const { return exitCode_; }
 
-    /// A veth pair zv0/zv1, both up, once zv0 has its carrier. Needs a helper
-    /// that answers "carrier <if> <0|1>" with awaitCarrier.
+    /// A veth pair zv0/zv1, both up, once zv0 has its carrier.
     bool addLink();
     /// Waits (through the helper, on the kernel's notices) until zv0's carrier is as wanted.
     bool carrier(bool on);
@@ -53,9 +53,16 @@ private:
     int exitCode_ = -1;
 };
 
-/// For helpers: waits on the kernel's link notices (not on a timer) until the
-/// interface's carrier (IFF_RUNNING) is as wanted; false after 10 s. The kernel
-/// reports carrier changes a little later than the command that caused them.
-bool awaitCarrier(const std::string& ifname, bool wanted);
+/// For helpers: prints a line and flushes; safe from any thread.
+void say(const std::string& line);
+
+/// For helpers, their whole main: moves this process into a network namespace of
+/// its own and prints "ready" (or "skip <reason>" and returns 77), then answers
+/// each command line "<command> <arg>" with the line `answer` returns (none when
+/// it returns ""), until "quit" or the end of input; returns 0. It answers
+/// "carrier <if> <0|1>" itself, once the kernel's link notices show the carrier
+/// (IFF_RUNNING) as asked ("timeout" after 10 s): the kernel reports carrier
+/// changes a little later than the command that caused them.
+int serveNamespace(const std::function<std::string(const std::string& command, const std::string& arg)>& answer);
 
 }  // namespace zubtest

@@ -1,23 +1,20 @@
-// A host application in a network namespace of its own (made with unshare() at
-// start; see support/NetNamespace.h), so a test can take the device offline and
-// bring it back with `ip` while the whole report pipeline runs. Its clock is a
-// SteppingClock that only the "cycle" command moves; debug lines are kept.
-//
-// Prints "ready" (or "skip <reason>" and exits 77), then answers line by line:
-//   carrier <if> <0|1>  -> "carrier <if> <0|1>" once the carrier is as asked
+// A host application in a network namespace of its own (see support/NetNamespace.h),
+// so a test can take the device offline and bring it back with `ip` while the
+// whole report pipeline runs. Its clock is a SteppingClock that only "cycle" and
+// "advance" move; debug lines are kept. Commands, one a line:
 //   serve               -> "serving <base URL>": a wire-speaking server on 127.0.0.1
 //                          (bring "lo" up first)
 //   start <report URL>  -> "started <waiting>": a registered device starts the
 //                          library (strategy 8, smart reporting on) and reports 3
-//                          pages (ordinary events: 3 failed attempts drop them);
-//                          the session event makes the fourth
+//                          pages; the session event makes the fourth
 //   url <report URL>    -> "url set"
-//   cycle               -> the clock moves 61 s (past the resend delay), one report
-//                          cycle runs to its end; "cycle attempted <a> retried <r>
-//                          waiting <w> retry <n> unknown-host <h>": events whose
-//                          last attempt is this cycle, the sum of their failed-attempt
-//                          counts, the two dictionaries' sizes, and how many posts
-//                          failed as an unknown host (-1003)
+//   advance             -> "advanced": the clock moves 61 s (past the resend delay)
+//   cycle               -> the clock moves 61 s and one report cycle runs to its end;
+//                          "cycle attempted <a> retried <r> waiting <w> retry <n>
+//                          unknown-host <h>": events whose last attempt is this
+//                          cycle, the sum of their failed-attempt counts, the two
+//                          dictionaries' sizes, and how many posts failed as an
+//                          unknown host (-1003)
 //   track               -> "tracked": one more custom event, filed
 //   break-watch         -> "broken" once the reachability watch of the report queue
 //                          reads from /dev/null instead of its netlink socket (so its
@@ -27,7 +24,6 @@
 //   count <text>        -> "count <n>": debug lines containing the text
 //   arrived             -> "arrived <events the server received> waiting <events
 //                          still waiting or retrying>"
-//   quit                -> exits 0
 #include "Common/ZUBProConfig.h"
 #include "Dal/ZUBDeviceIDDal.h"
 #include "Dal/ZUBEventDal.h"
@@ -40,16 +36,13 @@
 #include <ZUBCocoa/ZUBPro.h>
 
 #include <fcntl.h>
-#include <sched.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -58,11 +51,6 @@
 #include <vector>
 
 namespace {
-
-void say(const std::string& line) {
-    std::fputs((line + "\n").c_str(), stdout);
-    std::fflush(stdout);
-}
 
 // The library's debug lines, kept for "await" and "count".
 class DebugLines {
@@ -152,79 +140,67 @@ std::vector<std::shared_ptr<ZUBProEvent>> storedEvents() {
 }  // namespace
 
 int main() {
-    if (::unshare(CLONE_NEWNET) != 0) {
-        say(std::string("skip cannot make a network namespace: ") + std::strerror(errno));
-        return 77;
-    }
-    say("ready");
-
     zubtest::SteppingClock clock(1'719'835'200);  // 2024-07-01 12:00 UTC, far from midnight
     ::setenv("TZ", "UTC", 1);
     DebugLines debug;
     std::unique_ptr<zubtest::WireServer> server;
-    std::string line;
-    while (std::getline(std::cin, line)) {
-        const auto space = line.find(' ');
-        const std::string command = line.substr(0, space);
-        const std::string arg = space == std::string::npos ? "" : line.substr(space + 1);
-        if (command == "carrier") {
-            const auto sep = arg.find(' ');
-            const bool wanted = sep != std::string::npos && arg.substr(sep + 1) == "1";
-            say(zubtest::awaitCarrier(arg.substr(0, sep), wanted) ? "carrier " + arg : std::string("timeout"));
-        } else if (command == "serve") {
+    const int code = zubtest::serveNamespace([&](const std::string& command, const std::string& arg) -> std::string {
+        if (command == "serve") {
             server = std::make_unique<zubtest::WireServer>();
             server->start();
-            say("serving " + server->url(""));
-        } else if (command == "start") {
+            return "serving " + server->url("");
+        }
+        if (command == "start") {
             zub::setBundleInfo("CFBundleIdentifier", "com.example.netns");
             ZUBDeviceIDDal::getInstance().saveMID("netns-mid");
             ZUBProConfig::getInstance().setReportURL(arg);
             ZUBProConfig::getInstance().setMidURL(midURLFor(arg));
             ZUBPro::startWithAppKey("netns-key");
             for (int i = 0; i < 3; ++i) ZUBPro::trackPage("netns-" + std::to_string(i), 5);
-            if (!zubtest::settlePipeline()) return 3;
-            say("started " + std::to_string(storedEvents().size()));
-        } else if (command == "url") {
+            if (!zubtest::settlePipeline()) return "unsettled";
+            return "started " + std::to_string(storedEvents().size());
+        }
+        if (command == "url") {
             ZUBProConfig::getInstance().setReportURL(arg);
-            say("url set");
-        } else if (command == "cycle") {
+            return "url set";
+        }
+        if (command == "advance") {
+            clock.advanceSeconds(61);
+            return "advanced";
+        }
+        if (command == "cycle") {
             clock.advanceSeconds(61);
             const std::uint64_t now = static_cast<std::uint64_t>(clock.microsSinceEpoch() / 1'000'000);
             ZUBEventLogic::getInstance().reportEvents();
-            if (!zubtest::settlePipeline()) return 3;
+            if (!zubtest::settlePipeline()) return "unsettled";
             std::size_t attempted = 0;
             std::int64_t retried = 0;
             for (const auto& event : storedEvents()) {
                 attempted += event->lastReportTs() == now;
                 retried += event->retryNum();
             }
-            say("cycle attempted " + std::to_string(attempted) + " retried " + std::to_string(retried) + " waiting " +
-                std::to_string(zubtest::waitingKeys().size()) + " retry " + std::to_string(zubtest::retryKeys().size()) +
-                " unknown-host " + std::to_string(debug.count("Code=-1003")));
-        } else if (command == "track") {
+            return "cycle attempted " + std::to_string(attempted) + " retried " + std::to_string(retried) + " waiting " +
+                   std::to_string(zubtest::waitingKeys().size()) + " retry " + std::to_string(zubtest::retryKeys().size()) +
+                   " unknown-host " + std::to_string(debug.count("Code=-1003"));
+        }
+        if (command == "track") {
             ZUBPro::trackCustomEvent("netns-later");
-            if (!zubtest::settlePipeline()) return 3;
-            say("tracked");
-        } else if (command == "break-watch") {
-            say(breakWatch() ? "broken" : "no watch");
-        } else if (command == "await") {
-            say(debug.await(arg) ? "seen" : "timeout");
-        } else if (command == "count") {
-            say("count " + std::to_string(debug.count(arg)));
-        } else if (command == "arrived") {
+            return zubtest::settlePipeline() ? "tracked" : "unsettled";
+        }
+        if (command == "break-watch") return breakWatch() ? "broken" : "no watch";
+        if (command == "await") return debug.await(arg) ? "seen" : "timeout";
+        if (command == "count") return "count " + std::to_string(debug.count(arg));
+        if (command == "arrived") {
             std::set<std::string> received;
             if (server) {
                 for (const auto& report : server->reports()) {
                     for (const auto& m5 : zubtest::m5sOf(report.json.value_or(zub::Value()))) received.insert(m5);
                 }
             }
-            say("arrived " + std::to_string(received.size()) + " waiting " + std::to_string(storedEvents().size()));
-        } else if (command == "quit") {
-            break;
-        } else {
-            say("unknown " + command);
+            return "arrived " + std::to_string(received.size()) + " waiting " + std::to_string(storedEvents().size());
         }
-    }
+        return "unknown " + command;
+    });
     zub::setLogSink(nullptr);
-    return 0;
+    return code;
 }
