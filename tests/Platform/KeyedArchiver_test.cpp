@@ -287,19 +287,26 @@ TEST(KeyedArchiver, EncodingFailuresGiveNoArchive) {
     EXPECT_TRUE(KeyedArchiver::archivedDataWithRootObject(std::shared_ptr<Record>()).empty());
     EXPECT_TRUE(log.contains("KeyedArchiver"));
 
-    // Nesting: 60 levels archive and restore; 100 are refused.
+    // Nesting: objects 64 levels below the root archive and restore; one level
+    // more is refused when archiving and when restoring.
     auto chain = [](int n) {
         auto head = std::make_shared<Link>();
         auto cur = head;
         for (int i = 0; i < n; ++i) cur = cur->next = std::make_shared<Link>();
         return head;
     };
-    auto ok = KeyedUnarchiver::unarchiveObjectWithData<Link>(KeyedArchiver::archivedDataWithRootObject(chain(60)));
+    const zub::Data deepest = KeyedArchiver::archivedDataWithRootObject(chain(64));
+    auto ok = KeyedUnarchiver::unarchiveObjectWithData<Link>(deepest);
     ASSERT_TRUE(ok);
     int depth = 0;
     for (auto p = ok; p->next; p = p->next) ++depth;
-    EXPECT_EQ(depth, 60);
-    EXPECT_TRUE(KeyedArchiver::archivedDataWithRootObject(chain(100)).empty());
+    EXPECT_EQ(depth, 64);
+    EXPECT_TRUE(KeyedArchiver::archivedDataWithRootObject(chain(65)).empty());
+    Value deeper = Value::from_cbor(deepest);
+    deeper["$top"][1] = Value{{"$class", "Link"}, {"$fields", {{"next", Value::array({"o", deeper["$top"][1]})}}}};
+    EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(zub::Cbor::encode(deeper)));
+    deeper["$top"][1] = deeper["$top"][1]["$fields"]["next"][1];
+    EXPECT_TRUE(KeyedUnarchiver::unarchiveObjectWithData(zub::Cbor::encode(deeper))) << "the edit itself is sound";
 }
 
 TEST(KeyedArchiverConcurrency, ThreadsArchiveWhileClassesAreRegistered) {
