@@ -49,6 +49,21 @@ struct TextArgument {
     std::function<zub_status(const char* text)> call;
 };
 
+// A call that returns a string: a refusal must leave the output NULL; a success
+// gives `expected` when one is named.
+std::function<zub_status(const char*)> returning(zub_status (*call)(const char*, char**),
+                                                 const char* expected = nullptr) {
+    return [=](const char* s) {
+        Owned out;
+        const zub_status status = call(s, &out.p);
+        EXPECT_EQ(out.p == nullptr, status != ZUB_OK);
+        if (status == ZUB_OK && expected) {
+            EXPECT_EQ(out.text(), expected);
+        }
+        return status;
+    };
+}
+
 std::string pairsOf(const zub_args* args) {
     Owned json;
     EXPECT_EQ(zub_args_to_json(args, &json.p), ZUB_OK);
@@ -87,13 +102,7 @@ TEST(CApi, EveryFunctionRefusesNullAndBadTextAndSaysWhy) {
         {"zub_set_custom_user_id", page, ok, ok, [](const char* s) { return zub_set_custom_user_id(s); }},
         {"zub_set_bundle_info", "Test.Key", null, invalid, [](const char* s) { return zub_set_bundle_info(s, "v"); }},
         {"zub_set_bundle_info", page, null, ok, [](const char* s) { return zub_set_bundle_info("Test.Key", s); }},
-        {"zub_get_bundle_info", "CFBundleIdentifier", null, invalid,
-         [](const char* s) {
-             Owned out;
-             const zub_status status = zub_get_bundle_info(s, &out.p);
-             EXPECT_EQ(out.p == nullptr, status != ZUB_OK);
-             return status;
-         }},
+        {"zub_get_bundle_info", "CFBundleIdentifier", null, invalid, returning(zub_get_bundle_info)},
         {"zub_set_endpoints", "http://127.0.0.1:9/mstat/report", null, invalid,
          [](const char* s) { return zub_set_endpoints(s, "http://127.0.0.1:9/?t=ios&ver=2.0"); }},
         {"zub_set_endpoints", "http://127.0.0.1:9/?t=ios&ver=2.0", null, invalid,
@@ -115,23 +124,8 @@ TEST(CApi, EveryFunctionRefusesNullAndBadTextAndSaysWhy) {
         {"zub_report_lm", "chat-user", null, ok, [](const char* s) { return zub_report_lm(s); }},
         {"zub_report_account", "user@example.com", null, ok, [](const char* s) { return zub_report_account(s, 2, "e"); }},
         {"zub_report_account", "sso", ok, ok, [](const char* s) { return zub_report_account("user", 2, s); }},
-        {"zub_get_device_id", "mid", null, ZUB_ERR_NOT_FOUND,
-         [](const char* s) {
-             Owned out;
-             const zub_status status = zub_get_device_id(s, &out.p);
-             EXPECT_EQ(out.p == nullptr, status != ZUB_OK);
-             return status;
-         }},
-        {"zub_get_online_property_json", "greeting", null, ok,
-         [](const char* s) {
-             Owned out;
-             const zub_status status = zub_get_online_property_json(s, &out.p);
-             EXPECT_EQ(out.p == nullptr, status != ZUB_OK);
-             if (status == ZUB_OK) {
-                 EXPECT_STREQ(out.p, "\"\"") << "no configuration was pushed";
-             }
-             return status;
-         }},
+        {"zub_get_device_id", "mid", null, ZUB_ERR_NOT_FOUND, returning(zub_get_device_id)},
+        {"zub_get_online_property_json", "greeting", null, ok, returning(zub_get_online_property_json, "\"\"")},
     };
 
     // A refusal returns its status and writes "[ERROR]<function>: ..." to the debug log.

@@ -8,6 +8,7 @@
 #include "Dal/ZUBDeviceIDDal.h"
 #include "Dal/ZUBEventDal.h"
 #include "Model/ZUBSessionEvent.h"
+#include "support/FiledEvents.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
 #include "support/ReportPipeline.h"
@@ -39,16 +40,11 @@ EventPtr keyed(const std::string& md5, std::uint64_t lastReportTs = 0, std::int6
     return e;
 }
 
-void putWaiting(const EventPtr& e) {
+// Files an event straight into the waiting (or the retry) dictionary.
+void put(const EventPtr& e, bool retry = false) {
     ZUBEventDal& store = ZUBEventDal::getInstance();
     std::lock_guard lock(store.eventListLock());
-    store.toReportEvents().set(*e->md5(), e);
-}
-
-void putRetry(const EventPtr& e) {
-    ZUBEventDal& store = ZUBEventDal::getInstance();
-    std::lock_guard lock(store.eventListLock());
-    store.retryEvents().set(*e->md5(), e);
+    (retry ? store.retryEvents() : store.toReportEvents()).set(*e->md5(), e);
 }
 
 // A server answering each report with the next reply of a script ({"ret":0} after it).
@@ -131,10 +127,10 @@ TEST(ZUBEventLogic, BatchesTakeWaitingEventsFirstAndSkippedRetryEventsUseUpTheir
     Fixture f;
     const std::uint64_t now = zub::Clock::nowSeconds();
     // 4 waiting, never sent; 20 retrying, of which the 2nd and 3rd failed just now.
-    for (int i = 0; i < 4; ++i) putWaiting(keyed("w" + std::to_string(i)));
+    for (int i = 0; i < 4; ++i) put(keyed("w" + std::to_string(i)));
     for (int i = 0; i < 20; ++i) {
         const bool recent = i == 1 || i == 2;
-        putRetry(keyed("r" + std::to_string(i), recent ? now - 5 : now - 61, 1));
+        put(keyed("r" + std::to_string(i), recent ? now - 5 : now - 61, 1), true);
     }
     ZUBEventLogic::getInstance().reportEvents();
     ASSERT_TRUE(settlePipeline());
@@ -145,12 +141,8 @@ TEST(ZUBEventLogic, BatchesTakeWaitingEventsFirstAndSkippedRetryEventsUseUpTheir
 
     // An attempted waiting event not marked as a network failure is never taken
     // again, however long it waits.
-    {
-        ZUBEventDal& store = ZUBEventDal::getInstance();
-        std::lock_guard lock(store.eventListLock());
-        store.retryEvents().clear();
-    }
-    putWaiting(keyed("stale", now - 5));
+    zubtest::clearFiledEvents();
+    put(keyed("stale", now - 5));
     clock.advanceSeconds(100000);
     const std::size_t before = f.server.reports().size();
     ZUBEventLogic::getInstance().reportEvents();
@@ -163,8 +155,8 @@ TEST(ZUBEventLogic, TwelveWaitingEventsGoAsTenThenTwoWithNothingFromRetry) {
     if (!zubtest::networkReachable()) GTEST_SKIP() << "no default route: replies start no further cycles";
     ManualClock clock;
     Fixture f;
-    for (int i = 0; i < 12; ++i) putWaiting(keyed("w" + std::to_string(i)));
-    putRetry(keyed("r0", 0, 1));
+    for (int i = 0; i < 12; ++i) put(keyed("w" + std::to_string(i)));
+    put(keyed("r0", 0, 1), true);
     ZUBEventLogic::getInstance().reportEvents();
     ASSERT_TRUE(settlePipeline());
     const auto batches = f.batches();
@@ -180,7 +172,7 @@ TEST(ZUBEventLogic, TheBodyIsACompactArrayOfTheEventsJSON) {
     ManualClock clock;
     Fixture f;
     LogCapture log;
-    for (int i = 0; i < 3; ++i) putWaiting(keyed("k" + std::to_string(i)));
+    for (int i = 0; i < 3; ++i) put(keyed("k" + std::to_string(i)));
     ZUBEventLogic::getInstance().reportEvents();
     ASSERT_TRUE(settlePipeline());
     const auto reports = f.server.reports();
@@ -194,7 +186,7 @@ TEST(ZUBEventLogic, TheBodyIsACompactArrayOfTheEventsJSON) {
     EXPECT_TRUE(log.has("[ZUBDebug] server return : {\"ret\":0}"));
 
     // One event alone: "[" + its JSON + "]".
-    putWaiting(keyed("alone"));
+    put(keyed("alone"));
     ZUBEventLogic::getInstance().reportEvents();
     ASSERT_TRUE(settlePipeline());
     const auto after = f.server.reports();
@@ -227,7 +219,7 @@ TEST(ZUBEventLogic, RepliesAreJudgedByTheTextOfRet) {
     for (std::size_t i = 0; i < cases.size(); ++i) {
         SCOPED_TRACE(cases[i].reply);
         auto e = keyed("case" + std::to_string(i));
-        putWaiting(e);
+        put(e);
         ZUBEventLogic::getInstance().reportEvents();
         ASSERT_TRUE(settlePipeline());
         EXPECT_TRUE(zubtest::waitingKeys().empty());
@@ -237,9 +229,7 @@ TEST(ZUBEventLogic, RepliesAreJudgedByTheTextOfRet) {
             EXPECT_TRUE(log.has(cases[i].log));
         }
         EXPECT_TRUE(log.has("[ZUBDebug] server return : " + zub::Value::parse(cases[i].reply).dump()));
-        ZUBEventDal& store = ZUBEventDal::getInstance();
-        std::lock_guard lock(store.eventListLock());
-        store.retryEvents().clear();
+        zubtest::clearFiledEvents();
     }
     EXPECT_EQ(f.server.reports().size(), cases.size());
 }
@@ -250,7 +240,7 @@ TEST(ZUBEventLogic, AFailingReportEndpointCountsAnOrdinaryFailure) {
     // No report URL: the post cannot even be formed and nothing comes back.
     ZUBProConfig::getInstance().setReportURL(std::nullopt);
     auto e = keyed("lonely");
-    putWaiting(e);
+    put(e);
     ZUBEventLogic::getInstance().reportEvents();
     ASSERT_TRUE(settlePipeline());
     EXPECT_EQ(e->retryNum(), 1);
@@ -278,8 +268,8 @@ TEST(ZUBEventLogic, OnlyNetworkFailuresLeaveTheAttemptCountAlone) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.reply ? c.reply->dump() : "no reply");
         auto waiting = keyed("w"), retrying = keyed("r", 0, 2);
-        putWaiting(waiting);
-        putRetry(retrying);
+        put(waiting);
+        put(retrying, true);
         logic.setSendingEvents({waiting, retrying});
         clock.advanceSeconds(10);
         logic.handleReportFailed(c.reply);
@@ -304,10 +294,7 @@ TEST(ZUBEventLogic, OnlyNetworkFailuresLeaveTheAttemptCountAlone) {
             EXPECT_EQ(zubtest::retryKeys(), std::vector<std::string>{"w"});
         }
         EXPECT_TRUE(logic.sendingEvents().empty());
-        ZUBEventDal& store = ZUBEventDal::getInstance();
-        std::lock_guard lock(store.eventListLock());
-        store.toReportEvents().clear();
-        store.retryEvents().clear();
+        zubtest::clearFiledEvents();
     }
 }
 
@@ -316,7 +303,7 @@ TEST(ZUBEventLogic, ABatchOfOnlyOverlongEventsPostsAnEmptyBodyAndThePipelineGoes
     Fixture f;
     LogCapture log;
     ZUBProConfig::getInstance().setMaxReportEventLength(16);
-    for (int i = 0; i < 3; ++i) putWaiting(keyed("long" + std::to_string(i)));
+    for (int i = 0; i < 3; ++i) put(keyed("long" + std::to_string(i)));
     ZUBEventLogic::getInstance().reportEvents();
     ASSERT_TRUE(settlePipeline());
     const auto reports = f.server.reports();
@@ -328,7 +315,7 @@ TEST(ZUBEventLogic, ABatchOfOnlyOverlongEventsPostsAnEmptyBodyAndThePipelineGoes
 
     // The next event of ordinary length goes out as usual.
     ZUBProConfig::getInstance().setMaxReportEventLength(4096);
-    putWaiting(keyed("short"));
+    put(keyed("short"));
     ZUBEventLogic::getInstance().reportEvents();
     ASSERT_TRUE(settlePipeline());
     EXPECT_EQ(f.batches().back(), std::vector<std::string>{"short"});

@@ -9,16 +9,11 @@
 #include "Common/ZUBProStore.h"
 #include "Dal/ZUBDeviceIDDal.h"
 #include "Dal/ZUBEventDal.h"
-#include "Model/ZUBLMEvent.h"
-#include "Model/ZUBProAccountEvent.h"
-#include "Model/ZUBProCustomEvent.h"
 #include "Platform/AtomicFile.h"
 #include "Pro/ZUBEventLogic.h"
-#include "support/FiledEvents.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
 #include "support/ReportPipeline.h"
-#include "support/SteppingClock.h"
 
 #include <gtest/gtest.h>
 
@@ -48,54 +43,51 @@ std::string logPath() {
 
 }  // namespace
 
-TEST(ZUBPro, EveryStartRepeatsEveryStepIncludingTheNotification) {
+TEST(ZUBPro, EveryStartRepeatsEveryStepAndANullTextIsAbsentInEveryPublicCall) {
     zubtest::ManualClock clock;
     Servers s;
-    int starts = 0;
+    zubtest::LogCapture log;
+    const char* const none = nullptr;
+    int starts = 0, all = 0;
     const auto id = zub::addNotificationObserver(ZUBProMainServiceStartNotification, [&](const std::string& name) {
         EXPECT_EQ(name, "ZUB_MAIN_SERVICE_START_NOTIFICATION");
         ++starts;
     });
+    const auto everything = zub::addNotificationObserver(none, [&](const std::string&) { ++all; });
     ZUBPro::startWithAppKey("key-1");
     EXPECT_EQ(starts, 1);
     ASSERT_TRUE(zubtest::settlePipeline());
     EXPECT_EQ(ZUBProConfig::getInstance().appkey(), "key-1");
-    ZUBPro::startWithAppKey(std::nullopt);  // no check of the key: stored as it is
+    ZUBPro::startWithAppKey(none);  // no check of the key: stored as it is, and said
     EXPECT_EQ(starts, 2);
+    EXPECT_GE(all, 2) << "no name observes every notification";
     EXPECT_EQ(ZUBProConfig::getInstance().appkey(), std::nullopt);
+    EXPECT_TRUE(log.has(R"([ZUBDebug] [WARN]startWithAppKey: the application key is absent; events will carry no "ky")"));
     ASSERT_TRUE(zubtest::settlePipeline());
     EXPECT_EQ(s.count("/?"), 2u);  // one registration per start
     EXPECT_EQ(ZUBPro::getDeviceIDs()["mid"], "wire-mid");
-    EXPECT_EQ(ZUBPro::getOnlineProperty("nothing"), "");
     zub::removeNotificationObserver(id);
-}
+    zub::removeNotificationObserver(everything);
 
-TEST(ZUBPro, AnotherStrategyNeitherLoadsNorSendsStoredEventsAtTheStart) {
-    zubtest::ManualClock clock;
-    Servers s;
-    // An earlier run left one event in the log file, and the device is registered.
-    ZUBDeviceIDDal::getInstance().saveMID("mid-x");
-    ZUBPro::startWithAppKey("key");
-    ASSERT_TRUE(zubtest::settlePipeline());
-    ZUBPro::onWillApplicationEnterBackground();
-    ASSERT_TRUE(std::filesystem::exists(logPath()));
-    {
-        ZUBEventDal& store = ZUBEventDal::getInstance();
-        std::lock_guard lock(store.eventListLock());
-        store.toReportEvents().clear();
-    }
-    const std::size_t midRequests = s.count("/?");
-
-    ZUBPro::setReportStrategy(5);
-    const std::uint64_t before = ZUBPro::getSessionID(false);
-    clock.advanceSeconds(3600);  // long enough for a new session
-    ZUBPro::startWithAppKey("key");
-    ASSERT_TRUE(zubtest::settlePipeline());
-    EXPECT_TRUE(std::filesystem::exists(logPath()));  // not loaded
-    EXPECT_EQ(s.count("/mstat/report"), 0u);
-    EXPECT_EQ(s.count("/?"), midRequests + 1);      // still registers
-    EXPECT_NE(ZUBPro::getSessionID(false), before);  // and opens a session
-    EXPECT_EQ(zubtest::waitingKeys().size(), 1u);    // its session event only
+    EXPECT_EQ(ZUBPro::getOnlineProperty(none), "");
+    EXPECT_EQ(ZUBProBaseFunction::getOnlineProperty(none), "");
+    ZUBPro::setMainServicesInfo(none, 1);
+    EXPECT_TRUE(log.has("[ZUBDebug] [WARN]setMainServicesInfo: absent key ignored"));
+    EXPECT_FALSE(ZUBPro::getMainServicesInfo().contains(""));
+    ZUBProBaseFunction::saveToKeyChain(none, {{"k", "v"}});
+    EXPECT_TRUE(log.has("[ZUBDebug] [WARN]saveToKeyChain: absent key, nothing stored"));
+    EXPECT_EQ(ZUBProBaseFunction::loadFromKeyChain(none), std::nullopt);
+    EXPECT_EQ(ZUBProBaseFunction::loadFromKeyChain(""), std::nullopt);
+    ZUBProBaseFunction::logDebug(none);
+    EXPECT_TRUE(log.has("[ZUBDebug] (null)"));
+    EXPECT_EQ(ZUBProBaseFunction::md5Encrypt(none), std::nullopt);
+    zub::setBundleInfo("CFBundleShortVersionString", "3.0");
+    zub::setBundleInfo(none, "x");
+    zub::setBundleInfo("CFBundleShortVersionString", none);
+    EXPECT_EQ(zub::bundleInfo("CFBundleShortVersionString"), "3.0");
+    EXPECT_EQ(zub::bundleInfo(none), std::nullopt);
+    EXPECT_TRUE(log.has("[ZUBDebug] [WARN]setBundleInfo: absent key ignored"));
+    EXPECT_TRUE(log.has("[ZUBDebug] [WARN]setBundleInfo: absent value ignored"));
 }
 
 TEST(ZUBPro, LifecycleHandlersDoWhatEachPromisesAndNoMore) {
@@ -168,109 +160,4 @@ TEST(ZUBPro, EventsStillOnTheirWayAreSavedWhenTheHostGoesToTheBackground) {
     // Filed once: the queue found nothing left to file.
     std::lock_guard lock(ZUBEventDal::getInstance().eventListLock());
     EXPECT_EQ(ZUBEventDal::getInstance().toReportEvents().size(), 5u);
-}
-
-TEST(ZUBPro, ANullPointerIsAnAbsentTextInEveryPublicCall) {
-    zubtest::SteppingClock clock;  // no two events share an identity key
-    Servers s;
-    zubtest::LogCapture log;
-    const char* const none = nullptr;
-    ZUBProConfig& config = ZUBProConfig::getInstance();
-    const auto custom = [](std::size_t i) { return zubtest::jsonOf(*zubtest::filedEvents<ZUBProCustomEvent>().at(i)); };
-    int observed = 0;
-    std::uint64_t observer = 0;
-
-    // Each call with a null text, then what the absent value does by its call's rule.
-    const struct {
-        const char* call;
-        std::function<void()> run;
-        std::function<void()> check;
-    } table[] = {
-        {"startWithAppKey", [&] { ZUBPro::startWithAppKey(none); },
-         [&] {
-             EXPECT_EQ(config.appkey(), std::nullopt);
-             EXPECT_TRUE(log.has(R"([ZUBDebug] [WARN]startWithAppKey: the application key is absent; events will carry no "ky")"));
-         }},
-        {"setChannel", [&] { ZUBPro::setChannel(none); }, [&] { EXPECT_EQ(config.zubChannel(), std::nullopt); }},
-        {"setCustomAppVersion", [&] { ZUBPro::setCustomAppVersion(none); },
-         [&] { EXPECT_EQ(config.customAppVersion(), std::nullopt); }},
-        {"setCustomUserID", [&] { ZUBPro::setCustomUserID(none); }, [&] { EXPECT_EQ(config.customUserID(), std::nullopt); }},
-        {"trackPageViewBegin", [&] { ZUBPro::trackPageViewBegin(none); },
-         [&] { EXPECT_TRUE(log.has("[ZUBDebug] Failed to trace nil/empty page.")); }},
-        {"trackPageViewEnd", [&] { ZUBPro::trackPageViewEnd(none); },
-         [&] { EXPECT_TRUE(log.has("[ZUBDebug] Failed to trace nil/empty page.")); }},
-        {"trackPage", [&] { ZUBPro::trackPage(none, 5); },
-         [&] { EXPECT_TRUE(log.has("[ZUBDebug] Failed to trace nil/empty page.")); }},
-        {"trackCustomEvent", [&] { ZUBPro::trackCustomEvent(none, {{"a", 1}}); },
-         [&] {
-             const zub::Value e = custom(0);
-             EXPECT_FALSE(e.contains("ei"));
-             EXPECT_EQ(e["kv"]["a"], 1);
-         }},
-        {"trackCustomEventBegin", [&] { ZUBPro::trackCustomEventBegin(none); },
-         [&] { EXPECT_TRUE(log.has("[ZUBDebug] eventID is empty")); }},
-        {"trackCustomEventEnd", [&] { ZUBPro::trackCustomEventEnd(none, zub::Value::object()); },
-         [&] { EXPECT_TRUE(log.has("[ZUBDebug] Failed to trace nil/empty event_id.")); }},
-        {"trackCustomEventDuration", [&] { ZUBPro::trackCustomEventDuration(none, zub::Value(), 3); },
-         [&] {
-             const zub::Value e = custom(1);
-             EXPECT_FALSE(e.contains("ei"));
-             EXPECT_EQ(e["du"], 3);
-         }},
-        {"reportLM", [&] { ZUBPro::reportLM(none); },
-         [&] { EXPECT_TRUE(zubtest::filedEvents<ZUBLMEvent>().empty()); }},
-        {"reportAccount", [&] {
-             ZUBPro::reportAccount(none, 1001, "x");
-             ZUBPro::reportAccount("ada", 1001, none);
-         },
-         [&] {
-             const auto accounts = zubtest::filedEvents<ZUBProAccountEvent>();
-             ASSERT_EQ(accounts.size(), 1u);
-             EXPECT_EQ(zubtest::jsonOf(*accounts[0])["acc"].dump(), R"({"a":"ada","t":0})");
-         }},
-        {"getOnlineProperty", [] {}, [&] {
-             EXPECT_EQ(ZUBPro::getOnlineProperty(none), "");
-             EXPECT_EQ(ZUBProBaseFunction::getOnlineProperty(none), "");
-         }},
-        {"setMainServicesInfo", [&] { ZUBPro::setMainServicesInfo(none, 1); },
-         [&] {
-             EXPECT_TRUE(log.has("[ZUBDebug] [WARN]setMainServicesInfo: absent key ignored"));
-             EXPECT_FALSE(ZUBPro::getMainServicesInfo().contains(""));
-         }},
-        {"saveToKeyChain", [&] { ZUBProBaseFunction::saveToKeyChain(none, {{"k", "v"}}); },
-         [&] {
-             EXPECT_TRUE(log.has("[ZUBDebug] [WARN]saveToKeyChain: absent key, nothing stored"));
-             EXPECT_EQ(ZUBProBaseFunction::loadFromKeyChain(none), std::nullopt);
-             EXPECT_EQ(ZUBProBaseFunction::loadFromKeyChain(""), std::nullopt);
-         }},
-        {"logDebug", [&] { ZUBProBaseFunction::logDebug(none); },
-         [&] { EXPECT_TRUE(log.has("[ZUBDebug] (null)")); }},
-        {"md5Encrypt", [] {}, [&] { EXPECT_EQ(ZUBProBaseFunction::md5Encrypt(none), std::nullopt); }},
-        {"setBundleInfo", [&] {
-             zub::setBundleInfo("CFBundleShortVersionString", "3.0");
-             zub::setBundleInfo(none, "x");
-             zub::setBundleInfo("CFBundleShortVersionString", none);
-         },
-         [&] {
-             EXPECT_EQ(zub::bundleInfo("CFBundleShortVersionString"), "3.0");
-             EXPECT_EQ(zub::bundleInfo(none), std::nullopt);
-             EXPECT_TRUE(log.has("[ZUBDebug] [WARN]setBundleInfo: absent key ignored"));
-             EXPECT_TRUE(log.has("[ZUBDebug] [WARN]setBundleInfo: absent value ignored"));
-         }},
-        {"addNotificationObserver", [&] {
-             observer = zub::addNotificationObserver(none, [&](const std::string&) { ++observed; });
-             ZUBPro::startWithAppKey("key");  // posts the start notification
-         },
-         [&] {
-             EXPECT_NE(observer, 0u);
-             EXPECT_GE(observed, 1) << "no name observes every notification";
-             zub::removeNotificationObserver(observer);
-         }},
-    };
-    for (const auto& row : table) {
-        SCOPED_TRACE(row.call);
-        row.run();
-        ASSERT_TRUE(zubtest::settlePipeline());
-        row.check();
-    }
 }

@@ -1,5 +1,7 @@
-// Session rules and the session event: time-outs, local midnight, the event's own
-// fields, and one session for one gap however many threads ask.
+// Session identifiers and the session event: one identifier per second of the
+// clock, time-outs, local midnight, the event's own fields, and one session for
+// one gap however many threads ask.
+#include "Model/ZUBSessionClock.h"
 #include "Model/ZUBSessionEvent.h"
 
 #include "Common/ZUBProConfig.h"
@@ -26,10 +28,16 @@ namespace {
 // 2024-07-01 12:00:00 UTC: far from midnight.
 constexpr double kNoon = 1719835200.0;
 
-void inUTC() {
-    setenv("TZ", "UTC", 1);
+void useZone(const char* tz) {
+    setenv("TZ", tz, 1);
     tzset();
     ZUBProConfig::getInstance().setIsSmartReport(false);  // no report cycles: events only wait
+}
+
+// What the C library's process-wide generator gives for a seed.
+std::uint64_t referenceId(std::uint64_t seed) {
+    srandom(static_cast<unsigned>(seed));
+    return static_cast<std::uint64_t>(random());
 }
 
 // The session events filed so far, in order.
@@ -46,8 +54,31 @@ std::vector<std::shared_ptr<ZUBProEvent>> sessionEvents() {
 
 }  // namespace
 
+TEST(ZUBSessionClock, OneIdPerSecondAndExpiryAtTheNextLocalMidnight) {
+    ManualClock clock;
+    clock.setSeconds(1719837000.000);
+    const std::uint64_t first = ZUBSessionClock::generateSessionID();
+    clock.setSeconds(1719837000.999);
+    EXPECT_EQ(ZUBSessionClock::generateSessionID(), first);
+    EXPECT_EQ(first, referenceId(1719837000));
+    clock.setSeconds(1719837001.0);
+    EXPECT_EQ(ZUBSessionClock::generateSessionID(), referenceId(1719837001));
+    EXPECT_EQ(ZUBSessionClock::sessionID(), 0u) << "generation moves only the midnight";
+
+    useZone("JST-9");  // UTC+9, no daylight saving time
+    clock.setSeconds(1710082799);  // 2024-03-10 23:59:59 in Tokyo
+    ZUBSessionClock::generateSessionID();
+    EXPECT_EQ(ZUBSessionClock::expireDayTimestamp(), 1710082799u + 1);
+    clock.setSeconds(1710082800);  // 00:00:00
+    ZUBSessionClock::generateSessionID();
+    EXPECT_EQ(ZUBSessionClock::expireDayTimestamp(), 1710082800u + 86400);
+    EXPECT_EQ(ZUBSessionClock::nextLocalMidnight(1710082800 + 12 * 3600 + 61), 1710082800u + 86400);
+    useZone("UTC0");
+    EXPECT_EQ(ZUBSessionClock::nextLocalMidnight(1710082799), 1710115200u);
+}
+
 TEST(ZUBSessionEvent, AnActiveCallAfterTheTimeOutOpensANewSession) {
-    inUTC();
+    useZone("UTC");
     ManualClock clock;
     clock.setSeconds(kNoon);
     ZUBProConfig::getInstance().setAppkey(std::string("app-session"));
@@ -83,7 +114,7 @@ TEST(ZUBSessionEvent, AnActiveCallAfterTheTimeOutOpensANewSession) {
 }
 
 TEST(ZUBSessionEvent, CarriesTheBundleIdentifierAndTheJailbreakProbe) {
-    inUTC();
+    useZone("UTC");
     ManualClock clock;
     clock.setSeconds(kNoon);
     zubtest::FakeRoot root;  // a machine with none of the probe's paths
@@ -105,20 +136,19 @@ TEST(ZUBSessionEvent, CarriesTheBundleIdentifierAndTheJailbreakProbe) {
 }
 
 TEST(ZUBSessionEvent, LocalMidnightEndsASessionWhicheverTheFlag) {
-    inUTC();
+    useZone("UTC");
     ManualClock clock;
     clock.setSeconds(kNoon + 12 * 3600 - 10);  // 23:59:50
     const std::uint64_t evening = ZUBSessionEvent::getSessionID(false);  // none yet: opens one
     clock.advanceSeconds(9);                                          // 23:59:59
     EXPECT_EQ(ZUBSessionEvent::getSessionID(false), evening);
     clock.advanceSeconds(1);  // 00:00:00
-    const std::uint64_t night = ZUBSessionEvent::getSessionID(false);
-    EXPECT_NE(night, evening);
+    EXPECT_NE(ZUBSessionEvent::getSessionID(false), evening);
     EXPECT_EQ(sessionEvents().size(), 2u);
 }
 
 TEST(ZUBSessionEventConcurrency, ThreadsMeetingOneGapOpenOneSession) {
-    inUTC();
+    useZone("UTC");
     ManualClock clock;
     clock.setSeconds(kNoon);
     const std::uint64_t before = ZUBSessionEvent::getSessionID(true);
