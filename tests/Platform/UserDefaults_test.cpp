@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <fstream>
 #include <latch>
 #include <thread>
@@ -69,6 +70,7 @@ TEST(UserDefaults, TypedGettersConvertLikeThePlatform) {
     } cases[] = {
         {"int", 42, "42", 42, true},          {"neg", -5, "-5", -5, true},
         {"dbl", 1.5, "1.5", 1, true},         {"huge", 1e300, "1e+300", INT64_MAX, true},
+        {"tiny", -1e300, "-1e+300", INT64_MIN, true},
         {"t", true, "1", 1, true},            {"yes", "YES", "YES", 0, true},
         {"numtext", "12abc", "12abc", 12, true}, {"dict", Value::object({{"a", 1}}), Text(), 0, false},
         {"missing", Value(), Text(), 0, false},
@@ -80,6 +82,8 @@ TEST(UserDefaults, TypedGettersConvertLikeThePlatform) {
         EXPECT_EQ(d.boolForKey(c.key), c.flag) << c.key;
     }
 
+    d.setObject("nan", std::nan(""));
+    EXPECT_EQ(d.integerForKey("nan"), 0);
     // A null value removes the key.
     d.setObject("int", Value());
     EXPECT_FALSE(d.objectForKey("int"));
