@@ -37,8 +37,7 @@ bool timerIsOpen(const std::string& key) { return isOpen(ZUBEventDal::getInstanc
 template <class T, class Fill>
 std::shared_ptr<ZUBProEvent> made(Fill fill) {
     auto event = std::make_shared<T>();
-    fill(*event);
-    return event;
+    return fill(*event), event;
 }
 
 }  // namespace
@@ -88,25 +87,21 @@ TEST(ZUBEventClasses, ArchiveRoundTripKeepsWhatTheJsonShows) {
         SCOPED_TRACE(row.name);
         auto restored = zub::KeyedUnarchiver::unarchiveObjectWithData<ZUBProEvent>(
             zub::KeyedArchiver::archivedDataWithRootObject(row.event));
-        ASSERT_TRUE(restored);
-        EXPECT_EQ(restored->className(), row.event->className());
+        ASSERT_TRUE(restored && restored->className() == row.event->className());
         for (ZUBProEvent* e : {row.event.get(), restored.get()}) {
             const zub::Value json = jsonOf(*e);
             expectKeys(json, row.json);
             for (const char* key : row.absent) EXPECT_FALSE(json.contains(key)) << key;
         }
     }
-    auto page = std::dynamic_pointer_cast<ZUBPageEvent>(rows[6].event);
-    EXPECT_EQ(page->referPage(), std::nullopt);
 }
 
 TEST(ZUBAccountEvents, MessengerAndAccountReports) {
     zubtest::SteppingClock clock(1'700'000'777);
     ZUBPro::reportLM(std::nullopt);  // nothing
     ZUBPro::reportLM("im-42");
-    auto lm = filedEvents<ZUBLMEvent>();
-    ASSERT_EQ(lm.size(), 1u);
-    expectKeys(jsonOf(*lm[0]), {{"lm", "im-42"}, {"ts", 1'700'000'777}});
+    ASSERT_EQ(filedEvents<ZUBLMEvent>().size(), 1u);
+    expectKeys(jsonOf(*filedEvents<ZUBLMEvent>()[0]), {{"lm", "im-42"}, {"ts", 1'700'000'777}});
 
     // The account type travels as the event type; the account twice.
     ZUBPro::reportAccount("u1", 2, "x");
@@ -124,7 +119,6 @@ TEST(ZUBProActiveEvent, TwoStatesAndTheReportedSpan) {
     zubtest::LogCapture log;
     ZUBPro::trackActiveEnd();
     EXPECT_TRUE(log.has("[ZUBDebug] 统计活动时间还没开始"));
-    EXPECT_TRUE(filedEvents<ZUBProActiveEvent>().empty());
 
     // Under half a second counts as one; ts is the start in whole seconds.
     clock.advanceMicros(200'000);
@@ -164,8 +158,7 @@ TEST(ZUBPageEvent, BeginEndMeasuresSecondsAndChainsReferrers) {
     EXPECT_TRUE(log.has("[ZUBDebug] Duplicate entry page A"));
     clock.advanceSeconds(2);
     ZUBPro::trackPageViewEnd("A");
-    EXPECT_EQ(ZUBPageEvent::currentPage(), std::nullopt);
-    EXPECT_FALSE(pageIsOpen("A"));
+    EXPECT_FALSE(ZUBPageEvent::currentPage() || pageIsOpen("A"));
     ZUBPro::trackPageViewEnd("A");  // already ended
     EXPECT_TRUE(log.has("[ZUBDebug] Null entry for page:A"));
 
@@ -186,8 +179,7 @@ TEST(ZUBPageEvent, BeginEndMeasuresSecondsAndChainsReferrers) {
     // The first page of the process has no referrer; page events take no
     // timestamp, key or importance of their own.
     expectKeys(jsonOf(*pages[0]), {{"et", 1}, {"pi", "A"}, {"du", 7}, {"ts", 0}}, {"rf"});
-    EXPECT_FALSE(pages[0]->appkey().has_value());
-    EXPECT_FALSE(pages[0]->isImportant());
+    EXPECT_FALSE(pages[0]->appkey() || pages[0]->isImportant());
     EXPECT_EQ(pages[0]->sid(), ZUBSessionEvent::getSessionID(false));
 
     expectKeys(jsonOf(*pages[1]), {{"du", 2}, {"rf", "A"}});
@@ -213,14 +205,10 @@ TEST(ZUBPageEvent, RefusedNamesTheTimingLimitAndReportedDurations) {
     const auto lines = log.lines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "[ZUBDebug] Failed to trace nil/empty page."), 6);
     EXPECT_FALSE(pageIsOpen(""));
-    ZUBPro::trackPageViewEnd("B");
-    EXPECT_TRUE(log.has("[ZUBDebug] Null entry for page:B"));
-    EXPECT_TRUE(filedEvents<ZUBPageEvent>().empty());
 
     // One more open page than the limit.
     ZUBProConfig::getInstance().setMaxTimingEventCount(3);
     for (int i = 0; i < 4; ++i) ZUBPro::trackPageViewBegin("p" + std::to_string(i));
-    for (int i = 0; i < 4; ++i) EXPECT_TRUE(pageIsOpen("p" + std::to_string(i))) << i;
     EXPECT_FALSE(log.has("[ZUBDebug] Too many page events in memory"));
     ZUBPro::trackPageViewBegin("p4");
     EXPECT_TRUE(log.has("[ZUBDebug] Too many page events in memory"));
@@ -243,7 +231,7 @@ TEST(ZUBPageEvent, RefusedNamesTheTimingLimitAndReportedDurations) {
     EXPECT_EQ(jsonOf(*pages[2])["rf"], "detail");
 }
 
-TEST(ZUBProCustomEvent, ImmediateEventsCarryTheirPairsAsGiven) {
+TEST(ZUBProCustomEvent, ImmediateEventsCarryTheirPairsAsGivenUnlessNotUtf8) {
     zubtest::SteppingClock clock(1'700'000'123);
     zubtest::LogCapture log;
     ZUBProConfig::getInstance().setAppkey("app-1");
@@ -263,58 +251,50 @@ TEST(ZUBProCustomEvent, ImmediateEventsCarryTheirPairsAsGiven) {
     ZUBPro::trackCustomEvent("empty", {});
     ZUBPro::trackCustomEvent("keyless", {{none, 1}, {"kept", 2}});
     ZUBPro::trackCustomEventDuration("play", {{"song", "x"}}, 5);
-    ZUBPro::trackCustomEventDuration("skip", zub::Value(), 0);
+    ZUBPro::trackCustomEventDuration("skip", zub::Value(), 0);  // no "du"
     ZUBPro::trackCustomEvent(std::nullopt, {{"a", 1}});              // not checked: no "ei"
     ZUBPro::trackCustomEventDuration("rewind", zub::Value(), -5);   // sent as the unsigned number
     ZUBPro::trackCustomEvent("tag", {"item", "book"});              // an array, not pairs
 
     auto events = filedEvents<ZUBProCustomEvent>();
     ASSERT_EQ(events.size(), 11u);
-    for (const auto& e : events) {
-        EXPECT_EQ(e->type(), 1000);
-        EXPECT_TRUE(e->isImportant());
-        EXPECT_EQ(e->appkey(), "app-1");
-        EXPECT_EQ(e->ts(), 1'700'000'123u);
-    }
     std::vector<zub::Value> json;
-    for (const auto& e : events) json.push_back(jsonOf(*e));
+    for (const auto& e : events) {
+        EXPECT_TRUE(e->type() == 1000 && e->isImportant() && e->appkey() == "app-1" && e->ts() == 1'700'000'123u);
+        json.push_back(jsonOf(*e));
+    }
     const std::string flat = R"("s":"book","o":"owned","v":"view","i":-7,"c":120,"u":18446744073709551615,)"
                              R"("d":2.5,"f":0.5,"b":true,"null":null)";
     expectKeys(json[0], {{"ei", "all"}}, {"du"});
     EXPECT_EQ(json[0]["kv"].dump(), "{" + flat + "}");
     EXPECT_EQ(json[1]["kv"].dump(), "{" + flat + R"(,"nested":{"a":1},"list":[1,2]})");
-    EXPECT_FALSE(json[2].contains("kv")) << "absent pairs send no kv";
-    EXPECT_EQ(json[3]["kv"], zub::Value::object()) << "empty pairs send kv {}";
-    EXPECT_FALSE(json[4].contains("kv")) << "an empty list sends no kv";
+    // Absent pairs and an empty list send no kv; empty pairs send kv {}.
+    EXPECT_FALSE(json[2].contains("kv") || json[4].contains("kv"));
+    EXPECT_EQ(json[3]["kv"], zub::Value::object());
     EXPECT_EQ(json[5]["kv"].dump(), R"({"kept":2})");
     EXPECT_TRUE(log.has("[ZUBDebug] [WARN]a pair of event keyless has a null key; it is left out"));
     expectKeys(json[6], {{"du", 5}, {"kv", {{"song", "x"}}}});
-    EXPECT_FALSE(json[7].contains("du"));
+    expectKeys(json[7], {{"ei", "skip"}}, {"du"});
     expectKeys(json[8], {{"kv", {{"a", 1}}}}, {"ei"});
-    ASSERT_TRUE(json[9]["du"].is_number_unsigned());
-    EXPECT_EQ(json[9]["du"].get<std::uint64_t>(), 18446744073709551611u);
+    EXPECT_EQ(json[9]["du"].dump(), "18446744073709551611");
     EXPECT_TRUE(log.has("[ZUBDebug] [WARN]pairs of event tag are not a dictionary (array); they are left out"));
     EXPECT_FALSE(json[10].contains("kv"));
-}
 
-TEST(ZUBProCustomEvent, TextThatIsNotUtf8IsNamedInTheLogAndNotSent) {
-    zubtest::SteppingClock clock;
-    zubtest::LogCapture log;
+    // Text that is not UTF-8: not sent; the platform's own line stays, then the
+    // event, its key and the reason.
     ZUBPro::trackCustomEvent("buy", {{"item", "caf\xe9"}});
     ZUBPro::trackCustomEvent("s\xffll");
-    const auto events = filedEvents<ZUBProCustomEvent>();
-    ASSERT_EQ(events.size(), 2u);
-    EXPECT_EQ(events[0]->toJsonString(), "");
-    EXPECT_EQ(events[1]->toJsonString(), "");
-    // The platform's own line stays; the event, its key and the reason follow.
+    events = filedEvents<ZUBProCustomEvent>();
+    ASSERT_EQ(events.size(), 13u);
+    EXPECT_TRUE(events[11]->toJsonString() == "" && events[12]->toJsonString() == "");
     EXPECT_TRUE(log.has("[ZUBDebug] exception :%"));
-    EXPECT_TRUE(log.has("[ZUBDebug] [ERROR]event of type 1000 (m5 " + events[0]->md5().value_or("?") +
+    EXPECT_TRUE(log.has("[ZUBDebug] [ERROR]event of type 1000 (m5 " + events[11]->md5().value_or("?") +
                         ") cannot be written as JSON and is not sent: the text under \"kv.item\" is not UTF-8"));
-    EXPECT_TRUE(log.contains("(m5 " + events[1]->md5().value_or("?") +
+    EXPECT_TRUE(log.contains("(m5 " + events[12]->md5().value_or("?") +
                              ") cannot be written as JSON and is not sent: the text under \"ei\" is not UTF-8"));
 }
 
-TEST(ZUBProCustomEvent, TimersKeyedOnThePairsReportTheSpanWithTheBareRecord) {
+TEST(ZUBProCustomEvent, TimersKeyedOnThePairsAtMostTheLimitReportTheSpanWithTheBareRecord) {
     EXPECT_EQ(ZUBProCustomEvent::getCustomEventKey("buy", zub::Value()), "buy[]");
     EXPECT_EQ(ZUBProCustomEvent::getCustomEventKey("e", {{"s", "x"}, {"b", 2}, {"a", 1.5}, {"t", true}, {"f", false},
                                                          {"z", nullptr}, {"n", zub::Value::array({1})}}),
@@ -347,29 +327,20 @@ TEST(ZUBProCustomEvent, TimersKeyedOnThePairsReportTheSpanWithTheBareRecord) {
     log.clear();
     ZUBPro::trackCustomEventEnd("back", zub::Value());
     EXPECT_TRUE(timerIsOpen("back[]"));
-    EXPECT_FALSE(log.contains("null key"));
-    EXPECT_FALSE(log.contains("end key"));
+    EXPECT_FALSE(log.contains("null key") || log.contains("end key"));
     ZUBPro::trackCustomEventEnd("back", zub::Value::object());
 
     auto events = filedEvents<ZUBProCustomEvent>();
     ASSERT_EQ(events.size(), 3u);
+    // A timed custom event lasts at least a second. The end path sets neither
+    // type, appkey, ts nor importance: the envelope falls back to the configured key.
     const auto& e = *events[0];
-    EXPECT_EQ(e.eventID(), "e");
-    EXPECT_EQ(e.duration(), 1) << "a timed custom event lasts at least a second";
-    // The end path sets neither type, appkey, ts nor importance.
-    EXPECT_EQ(e.type(), 0);
-    EXPECT_FALSE(e.appkey().has_value());
-    EXPECT_EQ(e.ts(), 0u);
-    EXPECT_FALSE(e.isImportant());
-    // The envelope falls back to the configured key.
-    expectKeys(jsonOf(*events[0]), {{"ky", "app-1"}, {"kv", {{"a", "1"}}}, {"du", 1}});
+    EXPECT_TRUE(e.type() == 0 && !e.appkey() && e.ts() == 0u && !e.isImportant());
+    expectKeys(jsonOf(*events[0]), {{"ei", "e"}, {"ky", "app-1"}, {"kv", {{"a", "1"}}}, {"du", 1}});
     EXPECT_EQ(events[1]->duration(), 7);
     expectKeys(jsonOf(*events[2]), {{"du", 1}, {"kv", zub::Value::object()}});
-}
 
-TEST(ZUBProCustomEvent, AtMostTheLimitOfTimersAndEmptyIdentifiersRefused) {
-    zubtest::SteppingClock clock;
-    zubtest::LogCapture log;
+    // At most the limit of open timers; empty identifiers refused.
     ZUBProConfig::getInstance().setMaxTimingEventCount(2);
     ZUBPro::trackCustomEventBegin("t0");
     ZUBPro::trackCustomEventBegin("t1");
@@ -377,7 +348,6 @@ TEST(ZUBProCustomEvent, AtMostTheLimitOfTimersAndEmptyIdentifiersRefused) {
     ZUBPro::trackCustomEventBegin("t2");
     EXPECT_TRUE(log.has("[ZUBDebug] too many timing enents in memory"));
     EXPECT_FALSE(timerIsOpen("t2[]"));
-
     for (const std::optional<std::string>& id : {std::optional<std::string>(""), std::optional<std::string>()}) {
         log.clear();
         ZUBPro::trackCustomEventBegin(id);
@@ -385,5 +355,5 @@ TEST(ZUBProCustomEvent, AtMostTheLimitOfTimersAndEmptyIdentifiersRefused) {
         EXPECT_TRUE(log.has("[ZUBDebug] eventID is empty"));
         EXPECT_TRUE(log.has("[ZUBDebug] Failed to trace nil/empty event_id."));
     }
-    EXPECT_TRUE(filedEvents<ZUBProCustomEvent>().empty());
+    EXPECT_EQ(filedEvents<ZUBProCustomEvent>().size(), 3u);
 }

@@ -8,9 +8,9 @@
 #include "Common/ZUBProHelper.h"
 #include "Dal/ZUBEventDal.h"
 #include "Model/ZUBProEnv.h"
-#include "support/FakeRoot.h"
 #include "support/FiledEvents.h"
 #include "support/ManualClock.h"
+#include "support/ModelFixtures.h"
 #include "support/ReportPipeline.h"
 
 #include <ZUBCocoa/ZUBPlatform.h>
@@ -57,10 +57,9 @@ std::vector<std::shared_ptr<ZUBProEvent>> sessionEvents() {
 TEST(ZUBSessionClock, OneIdPerSecondAndExpiryAtTheNextLocalMidnight) {
     ManualClock clock;
     clock.setSeconds(1719837000.000);
-    const std::uint64_t first = ZUBSessionClock::generateSessionID();
+    EXPECT_EQ(ZUBSessionClock::generateSessionID(), referenceId(1719837000));
     clock.setSeconds(1719837000.999);
-    EXPECT_EQ(ZUBSessionClock::generateSessionID(), first);
-    EXPECT_EQ(first, referenceId(1719837000));
+    EXPECT_EQ(ZUBSessionClock::generateSessionID(), referenceId(1719837000));
     clock.setSeconds(1719837001.0);
     EXPECT_EQ(ZUBSessionClock::generateSessionID(), referenceId(1719837001));
     EXPECT_EQ(ZUBSessionClock::sessionID(), 0u) << "generation moves only the midnight";
@@ -77,16 +76,16 @@ TEST(ZUBSessionClock, OneIdPerSecondAndExpiryAtTheNextLocalMidnight) {
     EXPECT_EQ(ZUBSessionClock::nextLocalMidnight(1710082799), 1710115200u);
 }
 
-TEST(ZUBSessionEvent, AnActiveCallAfterTheTimeOutOpensANewSession) {
+TEST(ZUBSessionEvent, TimeOutAndLocalMidnightOpenSessionsWhoseEventsCarryTheirKeys) {
     useZone("UTC");
     ManualClock clock;
     clock.setSeconds(kNoon);
     ZUBProConfig::getInstance().setAppkey(std::string("app-session"));
+    zub::setBundleInfo("CFBundleIdentifier", "com.example.session");
 
     const std::uint64_t first = ZUBSessionEvent::getSessionID(true);  // none yet: opens one
     EXPECT_NE(first, 0u);
     ASSERT_EQ(sessionEvents().size(), 1u);
-
     clock.advanceSeconds(29);
     EXPECT_EQ(ZUBSessionEvent::getSessionID(true), first);
     clock.advanceSeconds(29);  // 29 s after the last call, 58 after the first: still the same
@@ -94,11 +93,10 @@ TEST(ZUBSessionEvent, AnActiveCallAfterTheTimeOutOpensANewSession) {
     clock.advanceSeconds(300);
     EXPECT_EQ(ZUBSessionEvent::getSessionID(false), first);  // asking never opens one by time-out
     ASSERT_EQ(sessionEvents().size(), 1u);
-
     clock.advanceSeconds(30);
     const std::uint64_t second = ZUBSessionEvent::getSessionID(true);
     EXPECT_NE(second, first);
-    const auto events = sessionEvents();
+    auto events = sessionEvents();
     ASSERT_EQ(events.size(), 2u);
 
     // The session event: important, of type 2, with the key's sid and time, and the
@@ -111,40 +109,18 @@ TEST(ZUBSessionEvent, AnActiveCallAfterTheTimeOutOpensANewSession) {
     const std::string text =
         std::to_string(second) + std::to_string(e->ts()) + "2" + std::to_string(ZUBSessionEvent::generateSessionID());
     EXPECT_EQ(e->md5(), ZUBProHelper::md5encrypt(text));
-}
+    // "jb" only on a jailbroken machine (the probe itself is the environment's test).
+    ZUBProEnv::getInstance().setJailbroken(false);
+    zubtest::expectKeys(zubtest::jsonOf(*e), {{"bdid", "com.example.session"}}, {"jb"});
+    ZUBProEnv::getInstance().setJailbroken(true);
+    EXPECT_EQ(zubtest::jsonOf(*e)["jb"], 1);
 
-TEST(ZUBSessionEvent, CarriesTheBundleIdentifierAndTheJailbreakProbe) {
-    useZone("UTC");
-    ManualClock clock;
-    clock.setSeconds(kNoon);
-    zubtest::FakeRoot root;  // a machine with none of the probe's paths
-    zub::setBundleInfo("CFBundleIdentifier", "com.example.session");
-    ZUBSessionEvent::getSessionID(true);
-    const auto events = sessionEvents();
-    ASSERT_EQ(events.size(), 1u);
-    zub::Value json = zubtest::jsonOf(*events[0]);
-    EXPECT_EQ(json["bdid"], "com.example.session");
-    ASSERT_FALSE(ZUBProHelper::isJailbroken());
-    EXPECT_FALSE(json.contains("jb"));
-
-    // "/etc/apt", present on every Debian-family system, is one of the probe's signs.
-    root.mkdir("/etc/apt");
-    ASSERT_TRUE(ZUBProHelper::isJailbroken());
-    ZUBProEnv::getInstance().setJailbroken(ZUBProHelper::isJailbroken());  // as a fresh process reads it
-    json = zubtest::jsonOf(*events[0]);
-    EXPECT_EQ(json["jb"], 1);
-}
-
-TEST(ZUBSessionEvent, LocalMidnightEndsASessionWhicheverTheFlag) {
-    useZone("UTC");
-    ManualClock clock;
-    clock.setSeconds(kNoon + 12 * 3600 - 10);  // 23:59:50
-    const std::uint64_t evening = ZUBSessionEvent::getSessionID(false);  // none yet: opens one
-    clock.advanceSeconds(9);                                          // 23:59:59
-    EXPECT_EQ(ZUBSessionEvent::getSessionID(false), evening);
+    // Local midnight ends a session whichever the flag.
+    clock.setSeconds(kNoon + 12 * 3600 - 1);  // 23:59:59
+    EXPECT_EQ(ZUBSessionEvent::getSessionID(false), second);
     clock.advanceSeconds(1);  // 00:00:00
-    EXPECT_NE(ZUBSessionEvent::getSessionID(false), evening);
-    EXPECT_EQ(sessionEvents().size(), 2u);
+    EXPECT_NE(ZUBSessionEvent::getSessionID(false), second);
+    EXPECT_EQ(sessionEvents().size(), 3u);
 }
 
 TEST(ZUBSessionEventConcurrency, ThreadsMeetingOneGapOpenOneSession) {
@@ -164,9 +140,7 @@ TEST(ZUBSessionEventConcurrency, ThreadsMeetingOneGapOpenOneSession) {
         });
     }
     for (auto& t : threads) t.join();
-    for (auto id : seen) {
-        EXPECT_EQ(id, seen[0]);
-        EXPECT_NE(id, before);
-    }
+    EXPECT_NE(seen[0], before);
+    for (auto id : seen) EXPECT_EQ(id, seen[0]);
     EXPECT_EQ(sessionEvents().size(), 2u);  // the first session and the one after the gap
 }
