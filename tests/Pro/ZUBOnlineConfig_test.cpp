@@ -15,6 +15,11 @@ zub::Value reply(const std::string& cfgJson) {
     return zub::Value::parse(R"({"ret":0,"cfg":)" + cfgJson + "}");
 }
 
+// A record's version, type, content and md5, to compare in one check.
+auto fields(const std::shared_ptr<const ZUBProDataConfig>& c) {
+    return std::tuple(c->version(), c->type(), c->content(), c->md5());
+}
+
 }  // namespace
 
 TEST(ZUBOnlineConfig, VersionsAreReportedAndNewerBlocksAccepted) {
@@ -27,10 +32,8 @@ TEST(ZUBOnlineConfig, VersionsAreReportedAndNewerBlocksAccepted) {
     online.updateConfigs(reply(R"({"1":{"c":{"rs":1},"v":3,"m":"x"}})"));
     EXPECT_TRUE(log.has("[ZUBDebug] start update configuraion from ZUB's website"));
     ASSERT_TRUE(online.sdkCfg());
-    EXPECT_EQ(online.sdkCfg()->version(), 3);
-    EXPECT_EQ(online.sdkCfg()->type(), 1);
-    EXPECT_EQ(online.sdkCfg()->content(), R"({"rs":1})");
-    EXPECT_EQ(online.sdkCfg()->md5(), "x");
+    const auto expected = std::tuple(3, 1, R"({"rs":1})", "x");
+    EXPECT_EQ(fields(online.sdkCfg()), expected);
 
     // Persisted at once under its key; the stored record reads back whole.
     auto stored = ZUBProStore::getInstance().getNSDataForKey("ZUBSDKConfig");
@@ -38,8 +41,7 @@ TEST(ZUBOnlineConfig, VersionsAreReportedAndNewerBlocksAccepted) {
     auto record = zub::KeyedUnarchiver::unarchiveObjectWithData<ZUBProDataConfig>(
         zub::Data(stored->get_binary().begin(), stored->get_binary().end()));
     ASSERT_TRUE(record);
-    EXPECT_EQ(record->version(), 3);
-    EXPECT_EQ(record->content(), R"({"rs":1})");
+    EXPECT_EQ(fields(record), expected);
 
     // The strategy takes effect when the start applies it.
     EXPECT_EQ(ZUBProConfig::getInstance().reportStrategy(), 8);

@@ -30,27 +30,19 @@ TEST(ZUBProEndpoints, SetsBothURLsAndRefusesWhatIsNoHttpURL) {
     expectEndpoints("https://stats.example.com/mstat/report", "HTTP://ids.example.com:8080/?t=ios&ver=2.0");
     EXPECT_TRUE(log.contains("report endpoint https://stats.example.com/mstat/report"));
 
-    // One bad URL leaves both as they were.
-    for (const auto& [report, mid] : std::vector<std::pair<std::string, std::string>>{
-             {"ftp://stats.example.com/r", "http://ids.example.com/"},
-             {"http://stats.example.com/r", "ids.example.com/"},
-             {"http://", "http://ids.example.com/"},
-             {"http:///mstat/report", "http://ids.example.com/"},
-             {"http://:80/mstat/report", "http://ids.example.com/"},
-             {"http://stats.example.com:/r", "http://ids.example.com/"},
-             {"http://stats.example.com/r r", "http://ids.example.com/"},
-             {"", ""}}) {
+    // One bad URL leaves both as they were. A null pointer from C code or a
+    // plug-in is absent, refused like an empty URL.
+    const char* none = nullptr;
+    for (const auto& [report, mid] : std::vector<std::pair<const char*, const char*>>{
+             {"ftp://stats.example.com/r", "http://ids.example.com/"}, {"http://stats.example.com/r", "ids.example.com/"},
+             {"http://", "http://ids.example.com/"}, {"http:///mstat/report", "http://ids.example.com/"},
+             {"http://:80/mstat/report", "http://ids.example.com/"}, {"http://stats.example.com:/r", "http://ids.example.com/"},
+             {"http://stats.example.com/r r", "http://ids.example.com/"}, {"", ""}, {none, "http://ids.example.com/"}}) {
         log.clear();
         EXPECT_FALSE(zub::setEndpoints(report, mid));
         expectEndpoints("https://stats.example.com/mstat/report", "HTTP://ids.example.com:8080/?t=ios&ver=2.0");
-        EXPECT_TRUE(log.contains("[ERROR]endpoints not changed")) << report << " " << mid;
+        EXPECT_TRUE(log.contains("[ERROR]endpoints not changed")) << (report ? report : "(null)") << " " << mid;
     }
-    // A null pointer from C code or a plug-in is absent, refused like an empty URL.
-    const char* none = nullptr;
-    log.clear();
-    EXPECT_FALSE(zub::setEndpoints(none, "http://ids.example.com/"));
-    expectEndpoints("https://stats.example.com/mstat/report", "HTTP://ids.example.com:8080/?t=ios&ver=2.0");
-    EXPECT_TRUE(log.contains("[ERROR]endpoints not changed"));
 }
 
 TEST(ZUBProEndpoints, CollectorAddressNamesBothProtocolPaths) {
@@ -60,15 +52,11 @@ TEST(ZUBProEndpoints, CollectorAddressNamesBothProtocolPaths) {
     zub::setCollectorAddress("https://collector.example.com/");
     expectEndpoints("https://collector.example.com/mstat/report", "https://collector.example.com/?t=ios&ver=2.0");
 
-    for (const std::string bad : {"http://collector.example.com/api", "http://collector.example.com?x=1",
-                                  "collector.example.com:47800", "http://", "http://host//"}) {
+    for (const char* bad : {"http://collector.example.com/api", "http://collector.example.com?x=1",
+                            "collector.example.com:47800", "http://", "http://host//", static_cast<const char*>(nullptr)}) {
         log.clear();
         EXPECT_FALSE(zub::setCollectorAddress(bad));
         expectEndpoints("https://collector.example.com/mstat/report", "https://collector.example.com/?t=ios&ver=2.0");
-        EXPECT_TRUE(log.contains("is not a collector address")) << bad;
+        EXPECT_TRUE(log.contains("is not a collector address")) << (bad ? bad : "(null)");
     }
-    log.clear();
-    EXPECT_FALSE(zub::setCollectorAddress(static_cast<const char*>(nullptr)));
-    expectEndpoints("https://collector.example.com/mstat/report", "https://collector.example.com/?t=ios&ver=2.0");
-    EXPECT_TRUE(log.contains("is not a collector address"));
 }

@@ -29,17 +29,12 @@ struct Servers {
         ZUBProConfig::getInstance().setMidURL(server.url("/?t=ios&ver=2.0"));
         ZUBPro::setSmartReport(false);
     }
-    std::size_t count(const std::string& prefix) const {
-        std::size_t n = 0;
-        for (const auto& r : server.requests()) n += r.path.rfind(prefix, 0) == 0;
-        return n;
-    }
+    // Requests other than reports: the registrations (the server sees no query).
+    std::size_t registrations() const { return server.requests().size() - server.reports().size(); }
     zubtest::WireServer server;
 };
 
-std::string logPath() {
-    return ZUBProStore::getInstance().getLogfilePath(".toReportEvents.log");
-}
+std::string logPath() { return ZUBProStore::getInstance().getLogfilePath(".toReportEvents.log"); }
 
 }  // namespace
 
@@ -54,8 +49,13 @@ TEST(ZUBPro, EveryStartRepeatsEveryStepAndANullTextIsAbsentInEveryPublicCall) {
         ++starts;
     });
     const auto everything = zub::addNotificationObserver(none, [&](const std::string&) { ++all; });
+    // A failing observer stays with itself: it is logged and the others still run.
+    const auto failing = zub::addNotificationObserver(ZUBProMainServiceStartNotification,
+                                                      [](const std::string&) { throw std::runtime_error("boom"); });
+    EXPECT_EQ(zub::addNotificationObserver("x", nullptr), 0u);
     ZUBPro::startWithAppKey("key-1");
     EXPECT_EQ(starts, 1);
+    EXPECT_TRUE(log.has("[ZUBDebug] [ERROR]observer of ZUB_MAIN_SERVICE_START_NOTIFICATION failed: boom"));
     ASSERT_TRUE(zubtest::settlePipeline());
     EXPECT_EQ(ZUBProConfig::getInstance().appkey(), "key-1");
     ZUBPro::startWithAppKey(none);  // no check of the key: stored as it is, and said
@@ -64,10 +64,11 @@ TEST(ZUBPro, EveryStartRepeatsEveryStepAndANullTextIsAbsentInEveryPublicCall) {
     EXPECT_EQ(ZUBProConfig::getInstance().appkey(), std::nullopt);
     EXPECT_TRUE(log.has(R"([ZUBDebug] [WARN]startWithAppKey: the application key is absent; events will carry no "ky")"));
     ASSERT_TRUE(zubtest::settlePipeline());
-    EXPECT_EQ(s.count("/?"), 2u);  // one registration per start
+    EXPECT_EQ(s.registrations(), 2u);  // one registration per start
     EXPECT_EQ(ZUBPro::getDeviceIDs()["mid"], "wire-mid");
-    zub::removeNotificationObserver(id);
-    zub::removeNotificationObserver(everything);
+    for (const auto observer : {id, everything, failing}) zub::removeNotificationObserver(observer);
+    ZUBPro::startWithAppKey("key-1");
+    EXPECT_EQ(starts, 2) << "a removed observer is not called";
 
     EXPECT_EQ(ZUBPro::getOnlineProperty(none), "");
     EXPECT_EQ(ZUBProBaseFunction::getOnlineProperty(none), "");
@@ -76,8 +77,7 @@ TEST(ZUBPro, EveryStartRepeatsEveryStepAndANullTextIsAbsentInEveryPublicCall) {
     EXPECT_FALSE(ZUBPro::getMainServicesInfo().contains(""));
     ZUBProBaseFunction::saveToKeyChain(none, {{"k", "v"}});
     EXPECT_TRUE(log.has("[ZUBDebug] [WARN]saveToKeyChain: absent key, nothing stored"));
-    EXPECT_EQ(ZUBProBaseFunction::loadFromKeyChain(none), std::nullopt);
-    EXPECT_EQ(ZUBProBaseFunction::loadFromKeyChain(""), std::nullopt);
+    EXPECT_FALSE(ZUBProBaseFunction::loadFromKeyChain(none) || ZUBProBaseFunction::loadFromKeyChain(""));
     ZUBProBaseFunction::logDebug(none);
     EXPECT_TRUE(log.has("[ZUBDebug] (null)"));
     EXPECT_EQ(ZUBProBaseFunction::md5Encrypt(none), std::nullopt);
@@ -86,8 +86,8 @@ TEST(ZUBPro, EveryStartRepeatsEveryStepAndANullTextIsAbsentInEveryPublicCall) {
     zub::setBundleInfo("CFBundleShortVersionString", none);
     EXPECT_EQ(zub::bundleInfo("CFBundleShortVersionString"), "3.0");
     EXPECT_EQ(zub::bundleInfo(none), std::nullopt);
-    EXPECT_TRUE(log.has("[ZUBDebug] [WARN]setBundleInfo: absent key ignored"));
-    EXPECT_TRUE(log.has("[ZUBDebug] [WARN]setBundleInfo: absent value ignored"));
+    EXPECT_TRUE(log.has("[ZUBDebug] [WARN]setBundleInfo: absent key ignored") &&
+                log.has("[ZUBDebug] [WARN]setBundleInfo: absent value ignored"));
 }
 
 TEST(ZUBPro, LifecycleHandlersDoWhatEachPromisesAndNoMore) {
@@ -100,14 +100,13 @@ TEST(ZUBPro, LifecycleHandlersDoWhatEachPromisesAndNoMore) {
     ZUBPro::startWithAppKey("key");
     ASSERT_TRUE(zubtest::settlePipeline());
     ASSERT_EQ(ZUBDeviceIDDal::getInstance().getMID(), "");
-    EXPECT_EQ(s.count("/?"), 1u);
     const auto waiting = zubtest::waitingKeys();
     ASSERT_EQ(waiting.size(), 1u);
 
     // Activation with no mid does not register again: "" is not an absent mid.
     ZUBPro::onApplicationDidBecomeActive();
     ASSERT_TRUE(zubtest::settlePipeline());
-    EXPECT_EQ(s.count("/?"), 1u);
+    EXPECT_EQ(s.registrations(), 1u);
 
     // Background and termination only save; nothing is sent or cleared.
     for (auto handler : {&ZUBPro::onWillApplicationEnterBackground, &ZUBPro::onWillApplicationWillTerminate}) {
@@ -117,7 +116,7 @@ TEST(ZUBPro, LifecycleHandlersDoWhatEachPromisesAndNoMore) {
         EXPECT_TRUE(std::filesystem::exists(logPath()));
         EXPECT_EQ(zubtest::waitingKeys(), waiting);
     }
-    EXPECT_EQ(s.count("/mstat/report"), 0u);
+    EXPECT_EQ(s.server.reports().size(), 0u);
 
     // Resigning refreshes the activity time, so a later activation within the
     // time-out keeps the session.
@@ -139,11 +138,10 @@ TEST(ZUBPro, EventsStillOnTheirWayAreSavedWhenTheHostGoesToTheBackground) {
     std::promise<void> gate;
     auto opened = gate.get_future().share();
     ZUBEventLogic::getInstance().queue().async([opened] { opened.wait(); });
-    for (int i = 0; i < 5; ++i) {
+    for (std::uint64_t i = 0; i < 5; ++i) {
         auto event = std::make_shared<ZUBProEvent>();
         event->setType(3000);
-        event->setTs(1700000000u + static_cast<std::uint64_t>(i));
-        event->setSid(static_cast<std::uint64_t>(i + 1));
+        event->setTs(1700000000u + i);
         ZUBPro::reportEvent(event);
     }
     ZUBPro::onWillApplicationEnterBackground();
@@ -151,8 +149,7 @@ TEST(ZUBPro, EventsStillOnTheirWayAreSavedWhenTheHostGoesToTheBackground) {
     ASSERT_TRUE(ZUBEventLogic::getInstance().queue().flush(std::chrono::seconds(10)));
 
     auto bytes = zub::AtomicFile::read(logPath());
-    ASSERT_TRUE(bytes);
-    auto saved = ZUBEventDal::decodeLogfile(*bytes);
+    auto saved = bytes ? ZUBEventDal::decodeLogfile(*bytes) : std::nullopt;
     ASSERT_TRUE(saved);
     EXPECT_EQ(saved->size(), 5u);
     std::uint64_t expectedTs = 1700000000u;
