@@ -3,6 +3,7 @@
 #include "Dal/ZUBEventJournal.h"
 
 #include "Model/ZUBProCustomEvent.h"
+#include "Platform/AtomicFile.h"
 #include "support/LogCapture.h"
 #include "support/TempHome.h"
 
@@ -42,7 +43,15 @@ std::vector<fs::path> segments(const fs::path& dir) {
     return out;
 }
 
-constexpr std::chrono::milliseconds kSync{50};
+// A journal opened in `dir`; what it brought back is in `live` and `drops`.
+struct Opened {
+    Opened(const fs::path& dir, std::uint64_t budget) : journal(dir, budget, std::chrono::milliseconds(50)) {
+        EXPECT_TRUE(journal.open(live, drops));
+    }
+    ZUBEventJournal journal;
+    std::vector<ZUBEventJournal::LiveEntry> live;
+    std::uint64_t drops = 99;
+};
 
 }  // namespace
 
@@ -50,30 +59,24 @@ TEST(ZUBEventJournal, ReopeningBringsBackExactlyWhatWasNotRetiredAndDamageCostsO
     zubtest::LogCapture log;
     const fs::path dir = zubtest::TempHome::makeDir("journal");
     {
-        ZUBEventJournal journal(dir, 1 << 20, kSync);
-        std::vector<ZUBEventJournal::LiveEntry> live;
-        std::uint64_t drops = 99;
-        ASSERT_TRUE(journal.open(live, drops));
-        EXPECT_TRUE(live.empty());
-        EXPECT_EQ(drops, 0u);
+        Opened o(dir, 1 << 20);
+        EXPECT_TRUE(o.live.empty());
+        EXPECT_EQ(o.drops, 0u);
         std::vector<std::uint64_t> seqs;
         ZUBEventJournal::Dropped dropped;
-        for (int i = 0; i < 6; ++i) seqs.push_back(*journal.append(*event(i), Place::Memory, dropped));
-        journal.retire({seqs[1], seqs[4]});
-        journal.recordDrops(5);
-        EXPECT_EQ(journal.liveCount(), 4u);
+        for (int i = 0; i < 6; ++i) seqs.push_back(*o.journal.append(*event(i), Place::Memory, dropped));
+        o.journal.retire({seqs[1], seqs[4]});
+        o.journal.recordDrops(5);
+        EXPECT_EQ(o.journal.liveCount(), 4u);
         EXPECT_EQ(dropped.count, 0u);
     }
-    std::uint64_t drops = 0;
     {
-        ZUBEventJournal journal(dir, 1 << 20, kSync);
-        std::vector<ZUBEventJournal::LiveEntry> live;
-        ASSERT_TRUE(journal.open(live, drops));
-        EXPECT_EQ(keysOf(live), (std::vector<std::string>{"key-0", "key-2", "key-3", "key-5"}));
-        EXPECT_EQ(drops, 5u);
+        Opened o(dir, 1 << 20);
+        EXPECT_EQ(keysOf(o.live), (std::vector<std::string>{"key-0", "key-2", "key-3", "key-5"}));
+        EXPECT_EQ(o.drops, 5u);
         // An event read back is the event as it was filed, with what its archive leaves out.
-        journal.setPlace(live[1].seq, Place::Overflow);
-        auto back = journal.takeOverflow();
+        o.journal.setPlace(o.live[1].seq, Place::Overflow);
+        auto back = o.journal.takeOverflow();
         ASSERT_TRUE(back);
         auto custom = std::dynamic_pointer_cast<ZUBProCustomEvent>(back->event);
         ASSERT_TRUE(custom);
@@ -83,45 +86,31 @@ TEST(ZUBEventJournal, ReopeningBringsBackExactlyWhatWasNotRetiredAndDamageCostsO
         EXPECT_EQ(custom->kvs()["n"], 2);
         EXPECT_EQ(custom->ts(), 1'700'000'002u);
         EXPECT_EQ(custom->retryNum(), 0);
-        EXPECT_FALSE(journal.takeOverflow());
+        EXPECT_FALSE(o.journal.takeOverflow());
     }
 
     // Damage: a flipped byte in the second record, a torn last record, and a
     // file with a segment's name that is not one.
-    auto files = segments(dir);
-    ASSERT_FALSE(files.empty());
     fs::path full;
-    for (const auto& f : files) {
+    for (const auto& f : segments(dir)) {
         if (fs::file_size(f) > 100) full = f;
     }
     ASSERT_FALSE(full.empty());
-    std::string bytes;
-    {
-        std::ifstream in(full, std::ios::binary);
-        bytes.assign(std::istreambuf_iterator<char>(in), {});
-    }
+    zub::Data bytes = *zub::AtomicFile::read(full.string());
     auto recordAt = [&](int index) {
         std::size_t offset = 8;
-        for (int i = 0; i < index; ++i) {
-            offset += 9 + (static_cast<unsigned char>(bytes[offset]) |
-                           static_cast<unsigned char>(bytes[offset + 1]) << 8);
-        }
+        for (int i = 0; i < index; ++i) offset += 9 + (bytes[offset] | (bytes[offset + 1] << 8));
         return offset;
     };
     bytes[recordAt(2) + 20] ^= 0x5A;  // inside the payload of key-2's record
     bytes.resize(bytes.size() - 3);   // the last record (the drop count) cut short
-    {
-        std::ofstream out(full, std::ios::binary | std::ios::trunc);
-        out << bytes;
-    }
+    ASSERT_TRUE(zub::AtomicFile::write(full.string(), bytes));
     std::ofstream(dir / "00000000000000ff.zjl") << "not a journal";
 
-    ZUBEventJournal journal(dir, 1 << 20, kSync);
-    std::vector<ZUBEventJournal::LiveEntry> live;
-    ASSERT_TRUE(journal.open(live, drops));
+    Opened o(dir, 1 << 20);
     // The record with a bad checksum is skipped, not trusted; the rest is whole.
-    EXPECT_EQ(keysOf(live), (std::vector<std::string>{"key-0", "key-3", "key-5"}));
-    EXPECT_EQ(drops, 0u);
+    EXPECT_EQ(keysOf(o.live), (std::vector<std::string>{"key-0", "key-3", "key-5"}));
+    EXPECT_EQ(o.drops, 0u);
     EXPECT_TRUE(log.contains("damaged records skipped"));
     EXPECT_TRUE(log.contains("torn tail"));
     EXPECT_TRUE(log.contains("not a journal segment"));
@@ -132,62 +121,50 @@ TEST(ZUBEventJournal, ReopeningBringsBackExactlyWhatWasNotRetiredAndDamageCostsO
 TEST(ZUBEventJournal, AFullBudgetDropsTheOldestEventsAndCountsThem) {
     const fs::path dir = zubtest::TempHome::makeDir("budget");
     const std::uint64_t budget = 256 * 1024;  // four segments of the smallest size
-    ZUBEventJournal journal(dir, budget, kSync);
-    std::vector<ZUBEventJournal::LiveEntry> live;
-    std::uint64_t drops = 0;
-    ASSERT_TRUE(journal.open(live, drops));
-
+    Opened o(dir, budget);
     const int total = 3000;
     std::uint64_t droppedCount = 0;
     std::size_t droppedInMemory = 0;
     for (int i = 0; i < total; ++i) {
         ZUBEventJournal::Dropped dropped;
         // The first ten are held in memory, the rest wait on disk only.
-        ASSERT_TRUE(journal.append(*event(i, 200), i < 10 ? Place::Memory : Place::Overflow, dropped));
+        ASSERT_TRUE(o.journal.append(*event(i, 200), i < 10 ? Place::Memory : Place::Overflow, dropped));
         droppedCount += dropped.count;
         droppedInMemory += dropped.inMemory.size();
-        ASSERT_LE(journal.diskBytes(), budget);
+        ASSERT_LE(o.journal.diskBytes(), budget);
     }
     ASSERT_GT(droppedCount, 0u);
-    EXPECT_EQ(journal.liveCount() + droppedCount, static_cast<std::size_t>(total));
+    EXPECT_EQ(o.journal.liveCount() + droppedCount, static_cast<std::size_t>(total));
     // The oldest went first, the ones held in memory among them.
     EXPECT_EQ(droppedInMemory, 10u);
-    auto first = journal.takeOverflow();
+    auto first = o.journal.takeOverflow();
     ASSERT_TRUE(first);
     EXPECT_EQ(first->event->md5(), "key-" + std::to_string(droppedCount));
     // Once the buffered records are written, the files hold exactly what was counted.
-    ASSERT_TRUE(journal.flushWrites());
+    ASSERT_TRUE(o.journal.flushWrites());
     std::uint64_t onDisk = 0;
     for (const auto& f : segments(dir)) onDisk += fs::file_size(f);
-    EXPECT_EQ(onDisk, journal.diskBytes());
+    EXPECT_EQ(onDisk, o.journal.diskBytes());
 }
 
 TEST(ZUBEventJournal, RetiredSegmentsAreReleasedAndAnOldSurvivorIsCopiedForward) {
     const fs::path dir = zubtest::TempHome::makeDir("compact");
     const std::uint64_t budget = 16 * 64 * 1024;  // segments of 64 KiB
     {
-        ZUBEventJournal journal(dir, budget, kSync);
-        std::vector<ZUBEventJournal::LiveEntry> live;
-        std::uint64_t drops = 0;
-        ASSERT_TRUE(journal.open(live, drops));
+        Opened o(dir, budget);
         ZUBEventJournal::Dropped dropped;
-        const auto survivor = journal.append(*event(-1, 100), Place::Memory, dropped);
-        ASSERT_TRUE(survivor);
+        ASSERT_TRUE(o.journal.append(*event(-1, 100), Place::Memory, dropped));
         // Many events come and go while the first one waits.
         for (int i = 0; i < 4000; ++i) {
-            auto seq = journal.append(*event(i, 100), Place::Memory, dropped);
+            auto seq = o.journal.append(*event(i, 100), Place::Memory, dropped);
             ASSERT_TRUE(seq);
-            journal.retire({*seq});
+            o.journal.retire({*seq});
         }
         EXPECT_EQ(dropped.count, 0u);
-        EXPECT_EQ(journal.liveCount(), 1u);
+        EXPECT_EQ(o.journal.liveCount(), 1u);
         EXPECT_LE(segments(dir).size(), 6u);
-        EXPECT_LT(journal.diskBytes(), 6u * 64 * 1024);
-        EXPECT_TRUE(journal.sync());
+        EXPECT_LT(o.journal.diskBytes(), 6u * 64 * 1024);
+        EXPECT_TRUE(o.journal.sync());
     }
-    ZUBEventJournal journal(dir, budget, kSync);
-    std::vector<ZUBEventJournal::LiveEntry> live;
-    std::uint64_t drops = 0;
-    ASSERT_TRUE(journal.open(live, drops));
-    EXPECT_EQ(keysOf(live), std::vector<std::string>{"key--1"});
+    EXPECT_EQ(keysOf(Opened(dir, budget).live), std::vector<std::string>{"key--1"});
 }

@@ -132,25 +132,10 @@ TEST(PackedArchive, NestedObjectsStayInKeyedArchivesAndOldJournalsStillOpen) {
     EXPECT_FALSE(zub::packed::pack(*nesting, why));
     EXPECT_NE(why.find("nested"), std::string::npos) << why;
 
-    // The journal keeps such an event as a keyed archive and gives it back whole.
-    const auto dir = zubtest::TempHome::makeDir("nesting-journal");
-    {
-        ZUBEventJournal journal(dir, 1 << 20, std::chrono::milliseconds(50));
-        std::vector<ZUBEventJournal::LiveEntry> live;
-        std::uint64_t drops = 0;
-        ASSERT_TRUE(journal.open(live, drops));
-        ZUBEventJournal::Dropped dropped;
-        ASSERT_TRUE(journal.append(*nesting, ZUBEventJournal::Place::Overflow, dropped));
-        auto back = journal.takeOverflow();
-        ASSERT_TRUE(back);
-        auto restored = std::dynamic_pointer_cast<NestingEvent>(back->event);
-        ASSERT_TRUE(restored);
-        EXPECT_EQ(restored->inner_->page(), "inner");
-    }
-
     // A segment of the first format (version 1, keyed archives only), as an
-    // earlier release left it: its events come back.
-    const auto old = zubtest::TempHome::makeDir("old-journal");
+    // earlier release left it: its events come back. The journal then keeps the
+    // nesting event as a keyed archive and gives it back whole.
+    const auto dir = zubtest::TempHome::makeDir("old-journal");
     zub::Data segment = zub::journal::segmentHeader();
     segment[4] = 1;
     zub::journal::AddRecord add;
@@ -158,9 +143,9 @@ TEST(PackedArchive, NestedObjectsStayInKeyedArchivesAndOldJournalsStillOpen) {
     add.md5 = "old-key";
     add.archive = zub::KeyedArchiver::archivedDataWithRootObject(*oneOfEachClass().front());
     zub::journal::appendAdd(segment, add);
-    std::ofstream(old / "0000000000000001.zjl", std::ios::binary)
+    std::ofstream(dir / "0000000000000001.zjl", std::ios::binary)
         .write(reinterpret_cast<const char*>(segment.data()), static_cast<std::streamsize>(segment.size()));
-    ZUBEventJournal journal(old, 1 << 20, std::chrono::milliseconds(50));
+    ZUBEventJournal journal(dir, 1 << 20, std::chrono::milliseconds(50));
     std::vector<ZUBEventJournal::LiveEntry> live;
     std::uint64_t drops = 0;
     ASSERT_TRUE(journal.open(live, drops));
@@ -170,4 +155,12 @@ TEST(PackedArchive, NestedObjectsStayInKeyedArchivesAndOldJournalsStillOpen) {
     ASSERT_TRUE(back);
     EXPECT_EQ(back->event->md5(), "old-key");
     EXPECT_EQ(std::dynamic_pointer_cast<ZUBProCustomEvent>(back->event)->eventID(), "export");
+
+    ZUBEventJournal::Dropped dropped;
+    ASSERT_TRUE(journal.append(*nesting, ZUBEventJournal::Place::Overflow, dropped));
+    back = journal.takeOverflow();
+    ASSERT_TRUE(back);
+    auto restored = std::dynamic_pointer_cast<NestingEvent>(back->event);
+    ASSERT_TRUE(restored);
+    EXPECT_EQ(restored->inner_->page(), "inner");
 }

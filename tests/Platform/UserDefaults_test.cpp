@@ -25,7 +25,6 @@ TEST(UserDefaults, PersistsPerApplicationWithPrivateModes) {
     zub::Bundle::setInfoValue("CFBundleIdentifier", "com.example.alpha");
     UserDefaults& alpha = UserDefaults::standard();
     EXPECT_EQ(alpha.path(), zub::Paths::configHome() + "/ZUBCocoa/com.example.alpha.defaults");
-    EXPECT_EQ(alpha.path().rfind(TempHome::path().string() + "/", 0), 0u) << "stays inside the test HOME";
 
     alpha.setObject("name", "first");
     alpha.setObject("count", 7);
@@ -47,15 +46,7 @@ TEST(UserDefaults, PersistsPerApplicationWithPrivateModes) {
     EXPECT_EQ(alphaAgain.objectForKey("name"), Value("first"));
     EXPECT_EQ(alphaAgain.integerForKey("count"), 7);
     EXPECT_EQ(alphaAgain.objectForKey("blob"), Value::binary({1, 2, 3}));
-    UserDefaults betaAgain(beta.path());
-    EXPECT_EQ(betaAgain.stringForKey("name"), "second");
-
-    // Removal persists too.
-    alpha.removeObject("name");
-    ASSERT_TRUE(alpha.synchronize());
-    UserDefaults alphaThird(alpha.path());
-    EXPECT_FALSE(alphaThird.objectForKey("name"));
-    EXPECT_TRUE(alphaThird.objectForKey("count"));
+    EXPECT_EQ(UserDefaults(beta.path()).stringForKey("name"), "second");
 }
 
 TEST(UserDefaults, TypedGettersConvertLikeThePlatform) {
@@ -145,11 +136,7 @@ TEST(UserDefaults, SynchronizeMergesChangesOfAnotherWriterKeyByKey) {
 TEST(UserDefaults, FailedReadOrWriteKeepsTheFileAndThePendingChanges) {
     const std::string path = TempHome::makeDir("faults").string() + "/f.defaults";
     const Value stored{{"mid", "m-1"}, {"idfv", "V-1"}, {"OpenUDID", Value{{"OpenUDID", "0123"}}}, {"k", "old"}};
-    {
-        UserDefaults first(path);
-        for (const auto& [key, value] : stored.items()) first.setObject(key, value);
-        ASSERT_TRUE(first.synchronize());
-    }
+    ASSERT_TRUE(zub::AtomicFile::write(path, UserDefaults::serializeFileContents(stored)));
     // The file's entries, whatever their order.
     auto onDisk = [&] {
         return nlohmann::json::parse(UserDefaults::parseFileContents(*zub::AtomicFile::read(path))->dump());
