@@ -78,26 +78,18 @@ TEST(ZUBProEnv, GatheredOnceFromAPresentedMachine) {
     clearLocale();
 }
 
-TEST(ZUBProEnv, AnEmptyMachineGivesNullsAndEmptyStrings) {
+TEST(ZUBProEnv, AnEmptyMachineGivesNoModelAndAZeroScreen) {
+    // What the host reports for an empty root is the host information's test;
+    // here what the record makes of the gaps.
     FakeRoot root;
     clearLocale();
     testing::internal::CaptureStdout();
     ZUBProEnv& env = ZUBProEnv::getInstance();
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "no model, nothing printed";
-
-    EXPECT_TRUE(env.platform().has_value()) << "the kernel's host name stands in";
-    EXPECT_FALSE(env.devicename()->empty());
     EXPECT_EQ(env.modulename(), std::nullopt);
-    EXPECT_EQ(env.os_version(), std::nullopt);
-    EXPECT_FALSE(env.jailbroken());
-    EXPECT_EQ(env.timezone(), "UTC");
     EXPECT_EQ(env.resolution(), "0x0");
-    EXPECT_EQ(env.idfa(), "");
-    EXPECT_EQ(env.mccmnc(), "");
-    EXPECT_EQ(env.language(), std::nullopt);
     EXPECT_EQ(env.app_version(), std::nullopt);
-    EXPECT_EQ(env.sdk_version(), "1.0.0");
-    EXPECT_FALSE(env.idfv()->empty());
+    EXPECT_FALSE(env.jailbroken());
     // A Debian-like machine shows "/etc/apt", one of the jailbreak marks.
     root.mkdir("/etc/apt");
     testing::internal::CaptureStdout();

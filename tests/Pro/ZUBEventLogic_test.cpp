@@ -124,9 +124,10 @@ TEST(ZUBEventLogic, FilingKeysEachEventOnceAndACollidingKeyGetsAFreshOne) {
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "[ZUBDebug] cache events"), 3);
 }
 
-TEST(ZUBEventLogic, BatchesTakeWaitingEventsFirstAndSkippedRetryEventsUseUpTheirPlace) {
+TEST(ZUBEventLogic, BatchesTakeWaitingEventsFirstAsACompactArrayAndSkippedRetryEventsUseUpTheirPlace) {
     ManualClock clock;
     Fixture f;
+    LogCapture log;
     const std::uint64_t now = zub::Clock::nowSeconds();
     // 4 waiting, never sent; 20 retrying, of which the 2nd and 3rd failed just now.
     for (int i = 0; i < 4; ++i) put(keyed("w" + std::to_string(i)));
@@ -138,6 +139,11 @@ TEST(ZUBEventLogic, BatchesTakeWaitingEventsFirstAndSkippedRetryEventsUseUpTheir
     // Exactly 6 retry keys are examined; the two skipped ones still use up places.
     ASSERT_GE(f.batches().size(), 1u);
     EXPECT_EQ(f.batches()[0], (std::vector<std::string>{"w0", "w1", "w2", "w3", "r0", "r3", "r4", "r5"}));
+    // The body: the events' JSON in one array, no white space, items joined by ",".
+    const auto first = f.server.reports()[0];
+    ASSERT_TRUE(first.json);
+    EXPECT_EQ(first.text, first.json->dump());
+    EXPECT_TRUE(log.has("[ZUBDebug] Report data: " + first.text));
 
     // An attempted waiting event not marked as a network failure is never taken
     // again, however long it waits.
@@ -148,6 +154,17 @@ TEST(ZUBEventLogic, BatchesTakeWaitingEventsFirstAndSkippedRetryEventsUseUpTheir
     ASSERT_TRUE(cycle());
     EXPECT_EQ(f.server.reports().size(), before);
     EXPECT_EQ(zubtest::waitingKeys(), std::vector<std::string>{"stale"});
+
+    // A batch of only overlong events posts an empty body; they are dropped for
+    // good and the pipeline goes on.
+    ZUBProConfig::getInstance().setMaxReportEventLength(16);
+    for (int i = 0; i < 3; ++i) put(keyed("long" + std::to_string(i)));
+    ASSERT_TRUE(cycle());
+    ASSERT_EQ(f.server.reports().size(), before + 1);
+    EXPECT_TRUE(f.server.reports().back().text.empty());
+    EXPECT_EQ(zubtest::waitingKeys(), std::vector<std::string>{"stale"});
+    EXPECT_TRUE(log.contains("dropped: its JSON has"));
+    EXPECT_FALSE(ZUBEventLogic::getInstance().isSendingCacheEvent());
 }
 
 TEST(ZUBEventLogic, TwelveWaitingEventsGoAsTenThenTwoWithNothingFromRetry) {
@@ -163,20 +180,6 @@ TEST(ZUBEventLogic, TwelveWaitingEventsGoAsTenThenTwoWithNothingFromRetry) {
     EXPECT_EQ(batches[0], (std::vector<std::string>{"w0", "w1", "w2", "w3", "w4", "w5", "w6", "w7", "w8", "w9"}));
     EXPECT_EQ(batches[1], (std::vector<std::string>{"w10", "w11", "r0"}));
     EXPECT_GT(ZUBEventLogic::getInstance().lastReportTs(), 0u);
-}
-
-TEST(ZUBEventLogic, TheBodyIsACompactArrayOfTheEventsJSON) {
-    ManualClock clock;
-    Fixture f;
-    LogCapture log;
-    for (int i = 0; i < 3; ++i) put(keyed("k" + std::to_string(i)));
-    ASSERT_TRUE(cycle());
-    const auto reports = f.server.reports();
-    ASSERT_EQ(reports.size(), 1u);
-    ASSERT_TRUE(reports[0].json && reports[0].json->is_array());
-    EXPECT_EQ(reports[0].json->size(), 3u);
-    EXPECT_EQ(reports[0].text, reports[0].json->dump());  // no white space, items joined by ","
-    EXPECT_TRUE(log.has("[ZUBDebug] Report data: " + reports[0].text));
 }
 
 TEST(ZUBEventLogic, RepliesAreJudgedByTheTextOfRetAndNoReplyIsAFailure) {
@@ -248,24 +251,4 @@ TEST(ZUBEventLogic, OnlyNetworkFailuresLeaveTheAttemptCountAlone) {
         EXPECT_TRUE(logic.sendingEvents().empty());
         zubtest::clearFiledEvents();
     }
-}
-
-TEST(ZUBEventLogic, ABatchOfOnlyOverlongEventsPostsAnEmptyBodyAndThePipelineGoesOn) {
-    ManualClock clock;
-    Fixture f;
-    LogCapture log;
-    ZUBProConfig::getInstance().setMaxReportEventLength(16);
-    for (int i = 0; i < 3; ++i) put(keyed("long" + std::to_string(i)));
-    ASSERT_TRUE(cycle());
-    const auto reports = f.server.reports();
-    ASSERT_EQ(reports.size(), 1u);
-    EXPECT_TRUE(reports[0].text.empty() && zubtest::waitingKeys().empty());  // dropped for good
-    EXPECT_TRUE(log.contains("dropped: its JSON has"));
-    EXPECT_FALSE(ZUBEventLogic::getInstance().isSendingCacheEvent());
-
-    // The next event of ordinary length goes out as usual.
-    ZUBProConfig::getInstance().setMaxReportEventLength(4096);
-    put(keyed("short"));
-    ASSERT_TRUE(cycle());
-    EXPECT_EQ(f.batches().back(), std::vector<std::string>{"short"});
 }

@@ -1,6 +1,5 @@
 #include "Pro/ZUBOnlineConfig.h"
 
-#include "Common/ZUBProConfig.h"
 #include "Common/ZUBProStore.h"
 #include "Platform/KeyedArchiver.h"
 #include "support/LogCapture.h"
@@ -25,10 +24,6 @@ auto fields(const std::shared_ptr<const ZUBProDataConfig>& c) {
 TEST(ZUBOnlineConfig, VersionsAreReportedAndNewerBlocksAccepted) {
     LogCapture log;
     ZUBOnlineConfig& online = ZUBOnlineConfig::getInstance();
-    zub::Value dict = zub::Value::object();
-    online.encode(dict);
-    EXPECT_EQ(dict.dump(), R"({"cfg":{"1":{"v":0},"2":{"v":0}}})");
-
     online.updateConfigs(reply(R"({"1":{"c":{"rs":1},"v":3,"m":"x"}})"));
     EXPECT_TRUE(log.has("[ZUBDebug] start update configuraion from ZUB's website"));
     ASSERT_TRUE(online.sdkCfg());
@@ -42,11 +37,6 @@ TEST(ZUBOnlineConfig, VersionsAreReportedAndNewerBlocksAccepted) {
         zub::Data(stored->get_binary().begin(), stored->get_binary().end()));
     ASSERT_TRUE(record);
     EXPECT_EQ(fields(record), expected);
-
-    // The strategy takes effect when the start applies it.
-    EXPECT_EQ(ZUBProConfig::getInstance().reportStrategy(), 8);
-    online.updateReportStrategy();
-    EXPECT_EQ(ZUBProConfig::getInstance().reportStrategy(), 1);
 
     // The same block again is refused; so is an older one.
     log.clear();
@@ -67,10 +57,6 @@ TEST(ZUBOnlineConfig, VersionsAreReportedAndNewerBlocksAccepted) {
     EXPECT_EQ(online.getOnlineProperty("missing"), "");
     for (int type : {0, 2, 5}) EXPECT_EQ(online.getConfig(type), online.appCfg()) << type;
     EXPECT_EQ(online.getConfig(1), online.sdkCfg());
-
-    dict = zub::Value::object();
-    online.encode(dict);
-    EXPECT_EQ(dict["cfg"].dump(), R"({"1":{"v":3},"2":{"v":7}})");
 }
 
 TEST(ZUBOnlineConfig, IncompleteOrOddBlocks) {
