@@ -37,13 +37,3 @@ TEST(ZUBProHelperProbes, JailbreakPathsBelowTheRoot) {
     near.symlink("/etc/apt", "/no/such/target");
     EXPECT_FALSE(ZUBProHelper::isJailbroken());
 }
-
-TEST(ZUBProHelperProbes, SSIDInfoIsAJsonObjectWithBothKeys) {
-    const std::string json = ZUBProHelper::fetchSSIDInfo();
-    const auto parsed = ZUBProHelper::jsonToObj(json);
-    ASSERT_TRUE(parsed && parsed->is_object()) << json;
-    ASSERT_EQ(parsed->size(), 2u);
-    EXPECT_EQ(parsed->begin().key(), "ss");
-    EXPECT_TRUE((*parsed)["ss"].is_string() && !(*parsed)["ss"].get<std::string>().empty());
-    EXPECT_TRUE((*parsed)["bs"].is_string() && !(*parsed)["bs"].get<std::string>().empty());
-}

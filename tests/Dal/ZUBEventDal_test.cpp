@@ -131,8 +131,4 @@ TEST(ZUBEventDal, LoadReplacesAndHandlesEmptyAndDamagedFiles) {
     }
     EXPECT_TRUE(log.contains("Damaged event log"));
     EXPECT_FALSE(std::filesystem::exists(logPath(".toReportEvents.log")));
-
-    EXPECT_EQ(store.getLastSendTime(), 0);
-    store.saveLastSendTime(1700000123);
-    EXPECT_EQ(store.getLastSendTime(), 1700000123);
 }

@@ -18,7 +18,29 @@ void clearLocale() {
 }  // namespace
 
 TEST(HostInfo, ReadsAMachineFromAMovedRoot) {
+    // An empty root gives nothing but the kernel's answers.
     FakeRoot root;
+    unsetenv("TZ");
+    EXPECT_EQ(HostInfo::osVersion(), std::nullopt);
+    EXPECT_EQ(HostInfo::model(), std::nullopt);
+    EXPECT_EQ(HostInfo::mainScreen(), std::nullopt);
+    EXPECT_EQ(HostInfo::timeZoneName(), "UTC");
+    char name[256] = {};
+    ASSERT_EQ(gethostname(name, sizeof name - 1), 0);
+    EXPECT_EQ(HostInfo::computerName(), std::string(name)) << "no machine-info: the kernel's host name";
+    EXPECT_TRUE(HostInfo::machine().has_value());
+
+    // Fallbacks: /usr/lib/os-release, /etc/timezone, an empty model file.
+    root.write("/usr/lib/os-release", "VERSION_ID=24.04\n");
+    root.write("/etc/timezone", "Europe/Lisbon\n");
+    root.write("/sys/class/dmi/id/product_name", "  \n");
+    EXPECT_EQ(HostInfo::osVersion(), "24.04");
+    EXPECT_EQ(HostInfo::timeZoneName(), "Europe/Lisbon");
+    EXPECT_EQ(HostInfo::model(), std::nullopt);
+    root.write("/etc/os-release", "NAME=Arch\n");  // no VERSION_ID in the first file
+    EXPECT_EQ(HostInfo::osVersion(), "24.04");
+
+    // The files of a laptop, which come first.
     root.write("/etc/os-release", "NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12.5\"\nID=debian\n");
     root.write("/sys/class/dmi/id/product_name", "ThinkPad X1 Carbon Gen 11\n");
     root.write("/etc/machine-info", "PRETTY_HOSTNAME=\"Ada's \\\"work\\\" laptop\"\n");
@@ -32,7 +54,6 @@ TEST(HostInfo, ReadsAMachineFromAMovedRoot) {
     EXPECT_EQ(HostInfo::osVersion(), "12.5");
     EXPECT_EQ(HostInfo::model(), "ThinkPad X1 Carbon Gen 11");
     EXPECT_EQ(HostInfo::computerName(), "Ada's \"work\" laptop");
-    unsetenv("TZ");
     EXPECT_EQ(HostInfo::timeZoneName(), "Asia/Tokyo");
     auto screen = HostInfo::mainScreen();
     ASSERT_TRUE(screen);
@@ -68,29 +89,6 @@ TEST(HostInfo, ReadsAMachineFromAMovedRoot) {
         EXPECT_EQ(HostInfo::timeZoneName(), z.name) << "TZ=" << z.tz;
     }
     unsetenv("TZ");
-}
-
-TEST(HostInfo, AnEmptyRootGivesNothingButTheKernelsAnswers) {
-    FakeRoot root;
-    unsetenv("TZ");
-    EXPECT_EQ(HostInfo::osVersion(), std::nullopt);
-    EXPECT_EQ(HostInfo::model(), std::nullopt);
-    EXPECT_EQ(HostInfo::mainScreen(), std::nullopt);
-    EXPECT_EQ(HostInfo::timeZoneName(), "UTC");
-    char name[256] = {};
-    ASSERT_EQ(gethostname(name, sizeof name - 1), 0);
-    EXPECT_EQ(HostInfo::computerName(), std::string(name)) << "no machine-info: the kernel's host name";
-    EXPECT_TRUE(HostInfo::machine().has_value());
-
-    // Fallbacks: /usr/lib/os-release, /etc/timezone, an empty model file.
-    root.write("/usr/lib/os-release", "VERSION_ID=24.04\n");
-    root.write("/etc/timezone", "Europe/Lisbon\n");
-    root.write("/sys/class/dmi/id/product_name", "  \n");
-    EXPECT_EQ(HostInfo::osVersion(), "24.04");
-    EXPECT_EQ(HostInfo::timeZoneName(), "Europe/Lisbon");
-    EXPECT_EQ(HostInfo::model(), std::nullopt);
-    root.write("/etc/os-release", "NAME=Arch\n");  // no VERSION_ID in the first file
-    EXPECT_EQ(HostInfo::osVersion(), "24.04");
 }
 
 TEST(HostInfo, LanguageFromTheLocaleVariablesAndShellVariables) {

@@ -20,11 +20,6 @@ void FaultyFileSystem::failWrites(int count, int error) {
     writes_ = {count, error, ""};
 }
 
-void FaultyFileSystem::failRenames(int count, int error) {
-    std::lock_guard lock(mutex_);
-    renames_ = {count, error, ""};
-}
-
 int FaultyFileSystem::injected() const {
     std::lock_guard lock(mutex_);
     return injected_;
@@ -48,11 +43,6 @@ bool FaultyFileSystem::writeTemporaryFile(const std::string& target, const zub::
                                           std::string& temporaryPath, int& error) {
     if (take(writes_, target, error)) return false;
     return FileSystemWrapper::writeTemporaryFile(target, data, mode, temporaryPath, error);
-}
-
-bool FaultyFileSystem::renameFile(const std::string& from, const std::string& to, int& error) {
-    if (take(renames_, to, error)) return false;
-    return FileSystemWrapper::renameFile(from, to, error);
 }
 
 }  // namespace zubtest

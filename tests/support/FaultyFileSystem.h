@@ -29,15 +29,12 @@ public:
     void failReads(int count, int error, std::string pathPart = "");
     /// The next `count` temporary files fail to be written (ENOSPC: a full disk).
     void failWrites(int count, int error = ENOSPC);
-    /// The next `count` renames fail with `error`.
-    void failRenames(int count, int error);
     /// How many faults were injected so far.
     int injected() const;
 
     std::optional<zub::Data> readFile(const std::string& path, int& error) override;
     bool writeTemporaryFile(const std::string& target, const zub::Data& data, unsigned mode,
                             std::string& temporaryPath, int& error) override;
-    bool renameFile(const std::string& from, const std::string& to, int& error) override;
 
 private:
     struct Fault {
@@ -51,7 +48,6 @@ private:
     mutable std::mutex mutex_;
     Fault reads_;    // guarded by mutex_
     Fault writes_;   // guarded by mutex_
-    Fault renames_;  // guarded by mutex_
     int injected_ = 0;  // guarded by mutex_
 };
 

@@ -41,7 +41,6 @@ void registerOnce() {
 TEST(ZUBProMid, TheFirstRequestCarriesAnEmptyMidAndTheIdentifiersInOrder) {
     zubtest::ManualClock clock;
     MidServer s({R"({"ret":0,"mid":"abc"})"});
-    LogCapture log;
     registerOnce();
     const auto requests = s.server.requests();
     ASSERT_EQ(requests.size(), 1u);
@@ -61,7 +60,6 @@ TEST(ZUBProMid, TheFirstRequestCarriesAnEmptyMidAndTheIdentifiersInOrder) {
     EXPECT_EQ(body["ui"], ids.getOpenUDID());
 
     EXPECT_EQ(ids.getMID(), "abc");
-    EXPECT_TRUE(log.has("[ZUBDebug] mid is saved:abc"));
     registerOnce();  // the next start's request carries the stored mid
     ASSERT_EQ(s.server.requests().size(), 2u);
     EXPECT_EQ((*s.server.requests()[1].json)["mid"], "abc");
@@ -102,9 +100,7 @@ TEST(ZUBProMid, DeviceIdentifiersHoldSixEntriesOnceAPushTokenIsStored) {
     std::vector<std::string> keys;
     for (const auto& [key, value] : ids.items()) keys.push_back(key);
     EXPECT_EQ(keys, (std::vector<std::string>{"mid", "ifa", "oia", "ifv", "oid"}));  // no token yet
-    EXPECT_EQ(ids["mid"], "");
-    EXPECT_EQ(ids["ifv"], ZUBDeviceIDDal::getInstance().getIdfv());
-    EXPECT_EQ(ids["oid"], ZUBDeviceIDDal::getInstance().getOpenUDID());
+    EXPECT_EQ(ids["ifv"], ZUBDeviceIDDal::getInstance().getIdfv());  // (mid and oid: the facade's tests)
 
     ASSERT_TRUE(ZUBProStore::getInstance().setObject(zub::Value("push-token"), std::string("LastAccessID")));
     ids = mid.getDeviceIDs();
