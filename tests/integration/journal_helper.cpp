@@ -7,7 +7,8 @@
 //       has filed the burst and prints "durable LAST_ID"; "done" at the end, then
 //       waits for its input to close
 //   journal_helper terminate REPORT_URL MID_URL N
-//       starts, tracks N events "j" {"id": 0..N-1}, calls the terminate handler,
+//       starts, tracks N events "j" {"id": 0..N-1} (memory holds 100 of them),
+//       calls the terminate handler,
 //       prints "terminated" and returns from main at once
 //   journal_helper deliver REPORT_URL MID_URL
 //       starts and flushes; prints "flushed 1" (or 0) and "left N"
@@ -57,6 +58,9 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (mode == "terminate" && argc >= 5) {
+        zub::DeliveryLimits limits;
+        limits.maxEventsInMemory = 100;  // the rest waits on disk
+        zub::setDeliveryLimits(limits);
         const long n = std::stol(argv[4]);
         for (long id = 0; id < n; ++id) ZUBPro::trackCustomEvent("j", {{"id", id}});
         ZUBPro::onWillApplicationWillTerminate();

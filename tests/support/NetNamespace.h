@@ -9,9 +9,9 @@
 //   ASSERT_EQ(ns.ip("link set lo up"), 0);
 //   EXPECT_EQ(ns.ask("status"), "status 0 ...");
 //
-// The helper's side of the protocol: it prints "ready" once inside the namespace
-// (or "skip <reason>" and exits 77), then answers one line per command line, and
-// exits 0 on "quit".
+// The helper's side of the protocol is serveNamespace below: "ready" once inside
+// the namespace (or "skip <reason>" and exit 77), then one line per command line,
+// and exit 0 on "quit".
 #pragma once
 
 #include "support/ChildProcess.h"
