@@ -17,74 +17,42 @@
 
 #include <chrono>
 #include <cstdio>
-#include <optional>
+#include <map>
 #include <string>
 
-namespace {
-
-struct Options {
-    std::string collector;
-    std::string bundle = "com.example.host";
-    std::string appKey = "host-app";
-    long first = 0;
-    long count = 1;
-    bool smart = true;
-    bool quit = false;
-    std::optional<long> flushSeconds;
-};
-
-std::optional<Options> parse(int argc, char** argv) {
-    Options o;
+int main(int argc, char** argv) {
+    std::map<std::string, std::string> o{{"--bundle", "com.example.host"}, {"--app-key", "host-app"}, {"--events", "0:1"}};
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        const bool hasValue = i + 1 < argc;
-        if (arg == "--collector" && hasValue) {
-            o.collector = argv[++i];
-        } else if (arg == "--bundle" && hasValue) {
-            o.bundle = argv[++i];
-        } else if (arg == "--app-key" && hasValue) {
-            o.appKey = argv[++i];
-        } else if (arg == "--events" && hasValue) {
-            if (std::sscanf(argv[++i], "%ld:%ld", &o.first, &o.count) != 2 || o.count < 0) return std::nullopt;
-        } else if (arg == "--flush" && hasValue) {
-            long seconds = 0;
-            if (std::sscanf(argv[++i], "%ld", &seconds) != 1 || seconds < 0) return std::nullopt;
-            o.flushSeconds = seconds;
-        } else if (arg == "--no-smart") {
-            o.smart = false;
-        } else if (arg == "--quit") {
-            o.quit = true;
+        if (arg == "--no-smart" || arg == "--quit") {
+            o[arg] = "1";
+        } else if (arg.rfind("--", 0) == 0 && i + 1 < argc) {
+            o[arg] = argv[++i];
         } else {
-            return std::nullopt;
+            o["--collector"] = "";
         }
     }
-    if (o.collector.empty()) return std::nullopt;
-    return o;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    const auto options = parse(argc, argv);
-    if (!options) {
+    long first = 0, count = 0;
+    if (o["--collector"].empty() || std::sscanf(o["--events"].c_str(), "%ld:%ld", &first, &count) != 2) {
         std::fprintf(stderr, "usage: %s --collector URL [--bundle ID] [--app-key KEY] [--events FIRST:COUNT] "
                              "[--no-smart] [--quit] [--flush SECONDS]\n", argv[0]);
         return 2;
     }
-    zub::setBundleInfo("CFBundleIdentifier", options->bundle);
-    zub::setCollectorAddress(options->collector);
-    ZUBPro::setSmartReport(options->smart);
-    ZUBPro::startWithAppKey(options->appKey);
+    const std::string bundle = o["--bundle"];
+    zub::setBundleInfo("CFBundleIdentifier", bundle);
+    zub::setCollectorAddress(o["--collector"]);
+    ZUBPro::setSmartReport(!o.contains("--no-smart"));
+    ZUBPro::startWithAppKey(o["--app-key"]);
 
-    ZUBPro::trackPage(options->bundle + ".page", 1);
-    for (long n = options->first; n < options->first + options->count; ++n) {
-        ZUBPro::trackCustomEvent("host.event", {{"n", options->bundle + "#" + std::to_string(n)}});
+    ZUBPro::trackPage(bundle + ".page", 1);
+    for (long n = first; n < first + count; ++n) {
+        ZUBPro::trackCustomEvent("host.event", {{"n", bundle + "#" + std::to_string(n)}});
     }
-    if (options->flushSeconds) {
-        const bool delivered = zub::flush(std::chrono::seconds(*options->flushSeconds));
+    if (o.contains("--flush")) {
+        const bool delivered = zub::flush(std::chrono::seconds(std::stol(o["--flush"])));
         std::printf("flushed %d\n", delivered ? 1 : 0);
         std::fflush(stdout);
     }
-    if (options->quit) ZUBPro::onWillApplicationWillTerminate();
+    if (o.contains("--quit")) ZUBPro::onWillApplicationWillTerminate();
     return 0;
 }

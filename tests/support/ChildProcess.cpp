@@ -151,17 +151,11 @@ int ChildProcess::wait() {
 }
 
 int ChildProcess::run(const std::vector<std::string>& argv) {
-    if (argv.empty()) return -1;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    auto args = argvPointers(argv);
-    pid_t pid = -1;
-    const int rc = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) return -1;
-    return reap(pid);
+    ChildProcess child(argv);
+    child.closeInput();
+    while (child.readLine(std::chrono::hours(1))) {
+    }
+    return child.wait();
 }
 
 std::vector<std::string> ChildProcess::outputOf(const std::vector<std::string>& argv,

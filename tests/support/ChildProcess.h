@@ -34,8 +34,9 @@ public:
     /// Waits for the child to end: its exit code, or 128 + the signal number.
     int wait();
 
-    /// Runs a command to its end with input and output on /dev/null (errors still reach standard error); its exit
-    /// status as wait() gives it, or -1 when it cannot be started.
+    /// Runs a command to its end with its input closed and its output dropped
+    /// (errors still reach standard error); its exit status as wait() gives it,
+    /// or -1 when it cannot be started.
     static int run(const std::vector<std::string>& argv);
     /// Runs a command with its input closed and gives the lines it printed, then
     /// "exit <status>"; reading ends at the end of its output or when no line comes

@@ -9,12 +9,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <mutex>
+#include <sstream>
 
 namespace zubtest {
 
@@ -35,12 +35,8 @@ std::string NetNamespace::problem() const {
 
 int NetNamespace::ip(const std::string& args) {
     std::vector<std::string> argv{"nsenter", "--net=/proc/" + std::to_string(child_.pid()) + "/ns/net", "ip"};
-    std::size_t pos = 0;
-    while (pos < args.size()) {
-        const auto end = std::min(args.find(' ', pos), args.size());
-        argv.push_back(args.substr(pos, end - pos));
-        pos = end + 1;
-    }
+    std::istringstream words(args);
+    for (std::string word; words >> word;) argv.push_back(word);
     return ChildProcess::run(argv);
 }
 
