@@ -44,38 +44,22 @@ std::shared_ptr<ZUBProEvent> made(Fill fill) {
 
 TEST(ZUBEventClasses, ArchiveRoundTripKeepsWhatTheJsonShows) {
     registerEventClasses();
-    struct Row {
-        const char* name;
-        std::shared_ptr<ZUBProEvent> event;
-        zub::Value json;                 // keys the event's JSON holds, before and after the archive
-        std::vector<const char*> absent;  // keys it must not hold
-    };
+    // Each event, the keys its JSON holds before and after the archive, and keys it must not hold.
+    struct Row { const char* name; std::shared_ptr<ZUBProEvent> event; zub::Value json; std::vector<const char*> absent; };
     const Row rows[] = {
         {"LM", made<ZUBLMEvent>([](auto& e) { e.setLm("im-42"); }), {{"et", 1001}, {"lm", "im-42"}}, {}},
         {"LM bare", std::make_shared<ZUBLMEvent>(), {{"et", 1001}}, {"lm"}},
-        {"account", made<ZUBProAccountEvent>([](auto& e) {
-             e.setZubAccount("u9");
-             e.setAccountType(7);
-             e.setExt("vip");
-             e.setType(3);
-         }),
+        {"account", made<ZUBProAccountEvent>([](auto& e) { e.setZubAccount("u9"); e.setAccountType(7); e.setExt("vip"); e.setType(3); }),
          {{"et", 3}, {"lm", "u9"}, {"acc", {{"a", "u9"}, {"t", 7}, {"e", "vip"}}}}, {}},
         {"account bare", std::make_shared<ZUBProAccountEvent>(), {{"et", 1001}, {"acc", {{"t", 0}}}}, {"lm"}},
         {"active", made<ZUBProActiveEvent>([](auto& e) { e.setDuration(77); }), {{"et", 4}, {"du", 77}}, {}},
-        {"page", made<ZUBPageEvent>([](auto& e) {
-             e.setPage("home");
-             e.setReferPage("login");
-             e.setDuration(-4);
-             e.setSid(99);
-         }),
+        {"page", made<ZUBPageEvent>([](auto& e) { e.setPage("home"); e.setReferPage("login"); e.setDuration(-4); e.setSid(99); }),
          {{"et", 1}, {"pi", "home"}, {"rf", "login"}, {"du", -4}, {"si", 99}}, {}},
         // An absent page and referrer are not "the same page".
         {"page bare", made<ZUBPageEvent>([](auto& e) { e.setReferPage(std::nullopt); }), {{"du", 0}}, {"pi", "rf"}},
+        // Pairs packed, as the facade keeps them.
         {"custom", made<ZUBProCustomEvent>([](auto& e) {
-             e.setEventID("buy");
-             e.setArgs(ZUBEventArgs::pack({{"item", "book"}}, "buy"));  // packed, as the facade keeps them
-             e.setDuration(42);
-             e.setType(1000);
+             e.setEventID("buy"); e.setArgs(ZUBEventArgs::pack({{"item", "book"}}, "buy")); e.setDuration(42); e.setType(1000);
          }),
          {{"et", 1000}, {"ei", "buy"}, {"kv", {{"item", "book"}}}, {"du", 42}}, {}},
         // Empty and absent pairs stay apart.
@@ -89,9 +73,8 @@ TEST(ZUBEventClasses, ArchiveRoundTripKeepsWhatTheJsonShows) {
             zub::KeyedArchiver::archivedDataWithRootObject(row.event));
         ASSERT_TRUE(restored && restored->className() == row.event->className());
         for (ZUBProEvent* e : {row.event.get(), restored.get()}) {
-            const zub::Value json = jsonOf(*e);
-            expectKeys(json, row.json);
-            for (const char* key : row.absent) EXPECT_FALSE(json.contains(key)) << key;
+            expectKeys(jsonOf(*e), row.json);
+            for (const char* key : row.absent) EXPECT_FALSE(jsonOf(*e).contains(key)) << key;
         }
     }
 }

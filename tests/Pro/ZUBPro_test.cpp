@@ -70,8 +70,7 @@ TEST(ZUBPro, EveryStartRepeatsEveryStepAndANullTextIsAbsentInEveryPublicCall) {
     ZUBPro::startWithAppKey("key-1");
     EXPECT_EQ(starts, 2) << "a removed observer is not called";
 
-    EXPECT_EQ(ZUBPro::getOnlineProperty(none), "");
-    EXPECT_EQ(ZUBProBaseFunction::getOnlineProperty(none), "");
+    EXPECT_TRUE(ZUBPro::getOnlineProperty(none) == "" && ZUBProBaseFunction::getOnlineProperty(none) == "");
     ZUBPro::setMainServicesInfo(none, 1);
     EXPECT_TRUE(log.has("[ZUBDebug] [WARN]setMainServicesInfo: absent key ignored"));
     EXPECT_FALSE(ZUBPro::getMainServicesInfo().contains(""));
@@ -80,12 +79,11 @@ TEST(ZUBPro, EveryStartRepeatsEveryStepAndANullTextIsAbsentInEveryPublicCall) {
     EXPECT_FALSE(ZUBProBaseFunction::loadFromKeyChain(none) || ZUBProBaseFunction::loadFromKeyChain(""));
     ZUBProBaseFunction::logDebug(none);
     EXPECT_TRUE(log.has("[ZUBDebug] (null)"));
-    EXPECT_EQ(ZUBProBaseFunction::md5Encrypt(none), std::nullopt);
     zub::setBundleInfo("CFBundleShortVersionString", "3.0");
     zub::setBundleInfo(none, "x");
     zub::setBundleInfo("CFBundleShortVersionString", none);
     EXPECT_EQ(zub::bundleInfo("CFBundleShortVersionString"), "3.0");
-    EXPECT_EQ(zub::bundleInfo(none), std::nullopt);
+    EXPECT_FALSE(zub::bundleInfo(none) || ZUBProBaseFunction::md5Encrypt(none));
     EXPECT_TRUE(log.has("[ZUBDebug] [WARN]setBundleInfo: absent key ignored") &&
                 log.has("[ZUBDebug] [WARN]setBundleInfo: absent value ignored"));
 }
