@@ -50,12 +50,12 @@ TEST(HostExit, ReturningFromMainWhileTheQueuesWorkEndsCleanlyAndFlushFirstDelive
     ASSERT_TRUE(collector.start()) << collector.failure();
     std::vector<std::string> flushed;
     for (const std::string host : {"host_app_helper", "host_app_shared_helper"}) {
-        for (int run = 0; run < 15; ++run) {
+        for (int run = 0; run < 6; ++run) {
             SCOPED_TRACE(host + " run " + std::to_string(run));
             const std::string name = "exit-" + host + "-" + std::to_string(run);
             const std::string bundle = "com.example." + name;
             std::vector<std::string> argv{hostPath(host), "--collector", collector.url(""), "--bundle", bundle};
-            const bool flush = run % 5 == 0;  // every fifth run flushes before it returns
+            const bool flush = run % 3 == 0;  // every third run flushes before it returns
             if (flush) argv.insert(argv.end(), {"--events", "0:3", "--flush", "120"});
             ChildProcess child(argv, freshHome(name));
             ASSERT_TRUE(child.started());

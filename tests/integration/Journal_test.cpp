@@ -108,7 +108,7 @@ TEST(EventJournal, AKillWhileTrackingLosesNothingFiledAndNothingArrivesTwice) {
     CollectorProcess collector;
     ASSERT_TRUE(collector.start()) << collector.failure();
     const char* env = std::getenv("ZUB_KILL_ROUNDS");
-    const int rounds = env != nullptr ? std::atoi(env) : 12;
+    const int rounds = env != nullptr ? std::atoi(env) : 6;
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
@@ -116,11 +116,11 @@ TEST(EventJournal, AKillWhileTrackingLosesNothingFiledAndNothingArrivesTwice) {
     std::map<int, long> durableUpTo;
     for (int round = 0; round < rounds; ++round) {
         ChildProcess child({helper(), "track", collector.url("/mstat/report"), collector.url("/?t=ios&ver=2.0"),
-                            std::to_string(round * kRound), "40", "25"});
+                            std::to_string(round * kRound), "40", "10"});
         ASSERT_TRUE(child.started());
         // Kill after a random number of bursts the child has seen filed: the
         // kill falls while it tracks the next one.
-        const int bursts = std::uniform_int_distribution<int>(1, 20)(random);
+        const int bursts = std::uniform_int_distribution<int>(1, 8)(random);
         long durable = -1;
         for (int seen = 0; seen < bursts;) {
             auto line = child.readLine(std::chrono::minutes(2));
