@@ -150,9 +150,7 @@ std::string storeName(const testing::TestParamInfo<CollectorProcess::Store>& inf
     return info.param == CollectorProcess::Store::Postgres ? "Postgres" : "Sqlite";
 }
 
-void PrintTo(CollectorProcess::Store store, std::ostream* out) {
-    *out << (store == CollectorProcess::Store::Postgres ? "Postgres" : "Sqlite");
-}
+void PrintTo(CollectorProcess::Store store, std::ostream* out) { *out << storeName({store, 0}); }
 
 CollectorProcess::CollectorProcess(std::vector<std::string> extraArgs, std::filesystem::path db)
     : extraArgs_(std::move(extraArgs)), db_(std::move(db)) {
@@ -235,28 +233,23 @@ std::optional<zub::Value> CollectorProcess::post(const std::string& pathAndQuery
     return ZUBHttp::getInstance().httpPost(zub::Data(text.begin(), text.end()), maxSeconds, url(pathAndQuery));
 }
 
-zub::Value CollectorProcess::storedEvents(const std::vector<std::string>& filters) {
-    std::vector<std::string> args{"events", "--db", db_.string(), "--json"};
-    args.insert(args.end(), filters.begin(), filters.end());
+zub::Value CollectorProcess::queryJson(const std::string& command, const std::vector<std::string>& more,
+                                       zub::Value what) {
+    std::vector<std::string> args{command, "--db", db_.string(), "--json"};
+    args.insert(args.end(), more.begin(), more.end());
     const CommandResult result = run(args);
-    zub::Value rows = zub::Value::parse(result.out, nullptr, false);
-    if (result.exitCode != 0 || !rows.is_array()) {
-        failure_ = "events --json failed (" + std::to_string(result.exitCode) + "): " + result.err;
-        return zub::Value::array();
-    }
-    return rows;
+    zub::Value parsed = zub::Value::parse(result.out, nullptr, false);
+    if (result.exitCode == 0 && parsed.type() == what.type()) return parsed;
+    failure_ = command + " --json failed (" + std::to_string(result.exitCode) + "): " + result.err;
+    return what.is_array() ? what : zub::Value(nullptr);
+}
+
+zub::Value CollectorProcess::storedEvents(const std::vector<std::string>& filters) {
+    return queryJson("events", filters, zub::Value::array());
 }
 
 zub::Value CollectorProcess::stats(const std::vector<std::string>& more) {
-    std::vector<std::string> args{"stats", "--db", db_.string(), "--json"};
-    args.insert(args.end(), more.begin(), more.end());
-    const CommandResult result = run(args);
-    zub::Value stats = zub::Value::parse(result.out, nullptr, false);
-    if (result.exitCode != 0 || !stats.is_object()) {
-        failure_ = "stats --json failed (" + std::to_string(result.exitCode) + "): " + result.err;
-        return nullptr;
-    }
-    return stats;
+    return queryJson("stats", more, zub::Value::object());
 }
 
 }  // namespace zubtest

@@ -22,6 +22,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -123,11 +124,14 @@ public:
     zub::Value stats(const std::vector<std::string>& more = {});
 
 private:
+    /// `command --db <db> --json more...` parsed; `what` (null or an empty array) on failure.
+    zub::Value queryJson(const std::string& command, const std::vector<std::string>& more, zub::Value what);
+
     std::vector<std::string> extraArgs_;
     std::filesystem::path db_;
     std::filesystem::path logPath_;
     std::unique_ptr<ChildProcess> child_;
-    int port_ = -1;
+    std::atomic<int> port_{-1};  // read by client threads while a kill() clears it
     std::string output_;
     std::string failure_;
 };
