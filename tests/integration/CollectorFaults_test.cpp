@@ -4,6 +4,7 @@
 #include "support/CollectorProcess.h"
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 #include <set>
 #include <thread>
@@ -68,10 +69,17 @@ TEST(CollectorFaults, KnobsAnswerAsToldForTheGivenNumberOfRequests) {
     EXPECT_NE(collector.log().find("fault=drop"), std::string::npos);
 }
 
-TEST_P(CollectorStop, DelayedReportIsStillStoredWhenTheCollectorStops) {
+TEST_P(CollectorStop, HeldReportIsStoredAndAnIdleKeptAliveConnectionDoesNotHoldTheStop) {
     ZUB_REQUIRE_COLLECTOR();
-    CollectorProcess collector({"--fault-delay-ms", "2500"});
+    CollectorProcess collector({"--fault-delay-ms", "2500", "--keep-alive", "3600"});
     ASSERT_TRUE(collector.start()) << collector.failure();
+    // A client whose connection stays open after one answer, then idle: the stop
+    // must not wait out the hour of keep-alive (the helper kills after 60 s: -1).
+    httplib::Client idle("127.0.0.1", collector.port());
+    idle.set_keep_alive(true);
+    const auto answered = idle.Get("/");
+    ASSERT_TRUE(answered) << httplib::to_string(answered.error());
+    EXPECT_EQ(answered->status, 404);
     // The client gives up after one second; the collector is still holding the request.
     const auto timedOut = collector.post("/mstat/report", batchOf(0, 3), 1);
     ASSERT_TRUE(timedOut.has_value());
@@ -79,6 +87,7 @@ TEST_P(CollectorStop, DelayedReportIsStillStoredWhenTheCollectorStops) {
     EXPECT_EQ((*timedOut)[responseErrorKey]["code"], -1001);
     // Stopping now waits for that request: its events reach the database before the exit.
     EXPECT_EQ(collector.stop(), 0) << collector.log();
+    EXPECT_NE(collector.output().find(R"({"event":"stopped","stored":3})"), std::string::npos) << collector.output();
     EXPECT_EQ(collector.storedEvents().size(), 3u);
     EXPECT_NE(collector.log().find("fault=delay2500ms"), std::string::npos);
 }
