@@ -79,12 +79,12 @@ TEST(ZUBEventClasses, ArchiveRoundTripKeepsWhatTheJsonShows) {
     }
 }
 
-TEST(ZUBAccountEvents, MessengerAndAccountReports) {
-    zubtest::SteppingClock clock(1'700'000'777);
+TEST(ZUBAccountAndActiveEvents, MessengerAndAccountReportsThenActiveTimeInTwoStates) {
+    zubtest::SteppingClock clock(1'700'000'500);
     ZUBPro::reportLM(std::nullopt);  // nothing
     ZUBPro::reportLM("im-42");
     ASSERT_EQ(filedEvents<ZUBLMEvent>().size(), 1u);
-    expectKeys(jsonOf(*filedEvents<ZUBLMEvent>()[0]), {{"lm", "im-42"}, {"ts", 1'700'000'777}});
+    expectKeys(jsonOf(*filedEvents<ZUBLMEvent>()[0]), {{"lm", "im-42"}, {"ts", 1'700'000'500}});
 
     // The account type travels as the event type; the account twice.
     ZUBPro::reportAccount("u1", 2, "x");
@@ -95,10 +95,7 @@ TEST(ZUBAccountEvents, MessengerAndAccountReports) {
     // An account event keeps the base record's time (0).
     expectKeys(jsonOf(*events[0]), {{"et", 2}, {"lm", "u1"}, {"acc", {{"a", "u1"}, {"t", 0}, {"e", "x"}}}, {"ts", 0}});
     expectKeys(jsonOf(*events[1]), {{"et", 1001}, {"acc", {{"a", "u2"}, {"t", 0}}}});
-}
 
-TEST(ZUBProActiveEvent, TwoStatesAndTheReportedSpan) {
-    zubtest::SteppingClock clock(1'700'000'500);
     zubtest::LogCapture log;
     ZUBPro::trackActiveEnd();
     EXPECT_TRUE(log.has("[ZUBDebug] 统计活动时间还没开始"));
@@ -123,13 +120,13 @@ TEST(ZUBProActiveEvent, TwoStatesAndTheReportedSpan) {
     EXPECT_TRUE(log.has("[ZUBDebug] 统计活动时间还没开始"));
     EXPECT_FALSE(log.contains("统计活动时间异常")) << "the sanity guard never fires in this build";
 
-    auto events = filedEvents<ZUBProActiveEvent>();
-    ASSERT_EQ(events.size(), 2u);
-    expectKeys(jsonOf(*events[0]), {{"du", 1}, {"ts", 1'700'000'500}});
-    EXPECT_EQ(events[1]->duration(), 45u);
+    auto active = filedEvents<ZUBProActiveEvent>();
+    ASSERT_EQ(active.size(), 2u);
+    expectKeys(jsonOf(*active[0]), {{"du", 1}, {"ts", 1'700'000'500}});
+    EXPECT_EQ(active[1]->duration(), 45u);
 }
 
-TEST(ZUBPageEvent, BeginEndMeasuresSecondsAndChainsReferrers) {
+TEST(ZUBPageEvent, BeginEndMeasuresSecondsChainsReferrersAndRefusesNamesAndPagesPastTheLimit) {
     zubtest::SteppingClock clock;
     zubtest::LogCapture log;
 
@@ -172,11 +169,8 @@ TEST(ZUBPageEvent, BeginEndMeasuresSecondsAndChainsReferrers) {
     EXPECT_EQ(jsonOf(*pages[3])["du"], -3);
     // The first begin opened a session, reported with its own event.
     EXPECT_EQ(filedEvents<ZUBSessionEvent>().size(), 1u);
-}
 
-TEST(ZUBPageEvent, RefusedNamesTheTimingLimitAndReportedDurations) {
-    zubtest::SteppingClock clock;
-    zubtest::LogCapture log;
+    // Refused names.
     ZUBPro::trackPageViewBegin("");
     EXPECT_EQ(ZUBPageEvent::currentPage(), "") << "a begin sets the current page before any check";
     ZUBPro::trackPageViewBegin(std::nullopt);
@@ -207,11 +201,11 @@ TEST(ZUBPageEvent, RefusedNamesTheTimingLimitAndReportedDurations) {
     ZUBPro::trackPageViewBegin("p4");
     EXPECT_TRUE(pageIsOpen("p4"));
 
-    auto pages = filedEvents<ZUBPageEvent>();
-    ASSERT_EQ(pages.size(), 3u);
-    expectKeys(jsonOf(*pages[0]), {{"du", -5}}, {"rf"});
-    expectKeys(jsonOf(*pages[1]), {{"du", 12}, {"rf", "list"}});
-    EXPECT_EQ(jsonOf(*pages[2])["rf"], "detail");
+    pages = filedEvents<ZUBPageEvent>();
+    ASSERT_EQ(pages.size(), 7u);
+    expectKeys(jsonOf(*pages[4]), {{"du", -5}, {"rf", "C"}});
+    expectKeys(jsonOf(*pages[5]), {{"du", 12}, {"rf", "list"}});
+    EXPECT_EQ(jsonOf(*pages[6])["rf"], "detail");
 }
 
 TEST(ZUBProCustomEvent, ImmediateEventsCarryTheirPairsAsGivenUnlessNotUtf8) {
