@@ -50,9 +50,8 @@ TEST(Pasteboard, NamedTypedBlobsUnderTheUsersDataDirectory) {
     EXPECT_TRUE(pb->releaseGlobally());
     EXPECT_FALSE(Pasteboard::existingPasteboardWithName("org.OpenUDID.slot.3"));
     EXPECT_TRUE(other->setData(bytes("again"), "t")) << "a stale handle recreates its pasteboard";
-}
 
-TEST(Pasteboard, AnyNameOrTypeMapsToOneEntryInsideTheRoot) {
+    // Any name or type maps to one entry inside the root.
     for (const std::string name : {"../escape", "a/b", "", ".", "..", ".hidden", "100%", "sp ace\n"}) {
         SCOPED_TRACE(name);
         auto pb = Pasteboard::pasteboardWithName(name);

@@ -81,19 +81,10 @@ TEST(UserDefaults, TypedGettersConvertLikeThePlatform) {
 }
 
 TEST(UserDefaults, DamagedFileIsEmptyLoggedAndReplaced) {
-    // Whatever the decoder refuses (garbage, a cut item, a non-dictionary, bytes
-    // after the item, nesting past the limit, nothing) reads as no dictionary.
-    const std::vector<std::string> damaged = {
-        "this is not cbor at all",
-        std::string("\xa1\x63" "key\x78\x10" "short", 10),
-        std::string("\x83\x01\x02\x03", 4),
-        std::string("\xa0\x00", 2),
-        std::string(200000, '\x81'),
-        std::string(100000, '\x9f'),  // unterminated indefinite arrays
-        "",
-    };
-    for (const auto& bytes : damaged) {
-        EXPECT_FALSE(UserDefaults::parseFileContents(zub::Data(bytes.begin(), bytes.end()))) << bytes.substr(0, 12);
+    // A non-dictionary, bytes after the item and nothing read as no dictionary
+    // (garbage and cut items: the keyed archive's tests of the same decoder).
+    for (const zub::Data& bytes : {zub::Data{0x83, 1, 2, 3}, zub::Data{0xa0, 0x00}, zub::Data{}}) {
+        EXPECT_FALSE(UserDefaults::parseFileContents(bytes)) << bytes.size();
     }
     // Nesting up to the decoder's limit is still read.
     zub::Data nested{0xa1, 0x61, 'a'};
@@ -105,7 +96,7 @@ TEST(UserDefaults, DamagedFileIsEmptyLoggedAndReplaced) {
 
     // Such a file is taken for empty, logged, and replaced at the next synchronize.
     const std::string path = TempHome::makeDir("damaged").string() + "/d.defaults";
-    std::ofstream(path, std::ios::binary) << damaged[1];
+    std::ofstream(path, std::ios::binary) << "\xa1\x63" "key\x78\x10" "short";  // a cut string
     LogCapture log;
     UserDefaults d(path);
     EXPECT_EQ(d.dictionaryRepresentation(), Value::object());
