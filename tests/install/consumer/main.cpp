@@ -10,7 +10,6 @@
 #include <iostream>
 #include <memory>
 #include <string>
-#include <thread>
 
 namespace {
 
@@ -60,15 +59,12 @@ int main(int argc, char** argv) {
     note->setSid(ZUBPro::getSessionID(false));
     ZUBPro::reportEvent(note);
 
-    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    std::string mid;
-    while (mid.empty() && std::chrono::steady_clock::now() < until) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        mid = ZUBPro::getDeviceIDs().value("mid", "");
-    }
+    // flush waits for the registration and for the collector to take the events.
+    const bool delivered = zub::flush(std::chrono::seconds(20));
+    const std::string mid = ZUBPro::getDeviceIDs().value("mid", "");
     ZUBPro::onWillApplicationWillTerminate();
-    if (mid.size() != 32) {
-        std::cerr << "no mid from " << argv[1] << "\n";
+    if (!delivered || mid.size() != 32) {
+        std::cerr << "no mid from " << argv[1] << " or events left unsent\n";
         return 1;
     }
     std::cout << "mid " << mid << "\n";
