@@ -102,10 +102,13 @@ TEST(ZUBHttp, BodiesGoOutEncipheredLongOnesGzippedBehindTheirLengthOnOneConnecti
     EXPECT_EQ(r.seen[1].remotePort, r.seen[2].remotePort);
 }
 
-TEST(ZUBHttp, RepliesOtherThan200OrNotJsonGiveNothing) {
+TEST(ZUBHttp, FailedRepliesGiveNothingAndFailedConnectionsTheErrorDictionary) {
     // {reply text, whether it is logged as undecodable}: an empty 200 says nothing.
     const std::pair<std::string, bool> texts[] = {{"not json", true}, {"5", true}, {"", false}};
     std::atomic<std::size_t> next{0};
+    std::mutex m;
+    std::condition_variable cv;
+    bool release = false;
     LoopbackServer server;
     server.server().Post(R"(/status/(\d+))", [](const httplib::Request& req, httplib::Response& res) {
         res.status = std::stoi(req.matches[1]);
@@ -113,6 +116,12 @@ TEST(ZUBHttp, RepliesOtherThan200OrNotJsonGiveNothing) {
     });
     server.server().Post("/text", [&](const httplib::Request&, httplib::Response& res) {
         res.set_content(wrapped(texts[next++ % std::size(texts)].first), "text/plain");
+    });
+    // Never answers within the time limit.
+    server.server().Post("/slow", [&](const httplib::Request&, httplib::Response& res) {
+        std::unique_lock lock(m);
+        cv.wait(lock, [&] { return release; });
+        res.status = 200;
     });
     server.start();
     for (int status : {201, 204, 500}) {
@@ -128,9 +137,7 @@ TEST(ZUBHttp, RepliesOtherThan200OrNotJsonGiveNothing) {
         EXPECT_EQ(log.contains("[ZUBDebug] Decode JSON error : "), logged) << text;
         EXPECT_EQ(log.lines().empty(), !logged) << text;
     }
-}
 
-TEST(ZUBHttp, ConnectionErrorsGiveTheErrorDictionary) {
     LogCapture log;
     auto reply = ZUBHttp::getInstance().httpPost(
         bodyOfLength(20), 2, "http://127.0.0.1:" + std::to_string(zubtest::unusedLoopbackPort()) + "/mstat/report");
@@ -141,18 +148,7 @@ TEST(ZUBHttp, ConnectionErrorsGiveTheErrorDictionary) {
     EXPECT_FALSE(reply->contains("ret"));
     EXPECT_TRUE(log.contains("[ZUBDebug] Failed to send request for reason: Error Domain=NSURLErrorDomain Code=-1004"));
 
-    // A server that never answers within the time limit.
-    LoopbackServer slow;
-    std::mutex m;
-    std::condition_variable cv;
-    bool release = false;
-    slow.server().Post("/mstat/report", [&](const httplib::Request&, httplib::Response& res) {
-        std::unique_lock lock(m);
-        cv.wait(lock, [&] { return release; });
-        res.status = 200;
-    });
-    slow.start();
-    auto timedOut = ZUBHttp::getInstance().httpPost(bodyOfLength(20), 1, slow.url("/mstat/report"));
+    auto timedOut = ZUBHttp::getInstance().httpPost(bodyOfLength(20), 1, server.url("/slow"));
     {
         std::lock_guard lock(m);
         release = true;
@@ -160,7 +156,6 @@ TEST(ZUBHttp, ConnectionErrorsGiveTheErrorDictionary) {
     cv.notify_all();
     ASSERT_TRUE(timedOut && timedOut->contains(responseErrorKey));
     EXPECT_EQ((*timedOut)[responseErrorKey]["code"], -1001);
-
     // A URL that cannot be a request at all gives nothing.
     EXPECT_FALSE(ZUBHttp::getInstance().httpPost(bodyOfLength(20), 1, ""));
 
