@@ -41,7 +41,9 @@ TEST(ZUBProEvent, EnvelopeKeysFollowTheirPresenceRules) {
     config.setAppkey(std::string("configured-key"));
 
     ZUBProEvent event;
-    event.setType(1000), event.setSid(77), event.setTs(1700000000);
+    event.setType(1000);
+    event.setSid(77);
+    event.setTs(1700000000);
     ZUBDeviceIDDal& ids = ZUBDeviceIDDal::getInstance();
     zubtest::expectKeys(envelopeOf(event),
                         {{"ky", "configured-key"}, {"si", 77}, {"ts", 1700000000u}, {"et", 1000},
@@ -50,8 +52,11 @@ TEST(ZUBProEvent, EnvelopeKeysFollowTheirPresenceRules) {
                         {"cui", "cav", "mid", "rt", "m5"});
 
     // The event's own key wins; host settings appear; a retried event says so once.
-    event.setAppkey(std::string("own-key")), event.setRetryNum(4), event.setMd5(std::string("abc"));
-    config.setCustomUserID(std::string("user-9")), config.setCustomAppVersion(std::string("9.9"));
+    event.setAppkey(std::string("own-key"));
+    event.setRetryNum(4);
+    event.setMd5(std::string("abc"));
+    config.setCustomUserID(std::string("user-9"));
+    config.setCustomAppVersion(std::string("9.9"));
     ZUBDeviceIDDal::getInstance().saveMID(std::string("mid-1"));
     zubtest::expectKeys(envelopeOf(event), {{"ky", "own-key"}, {"rt", 1}, {"m5", "abc"}, {"cui", "user-9"},
                                             {"cav", "9.9"}, {"av", "9.9"}, {"mid", "mid-1"}});
@@ -63,7 +68,9 @@ TEST(ZUBProEvent, EnvelopeKeysFollowTheirPresenceRules) {
     ZUBProEnv::getInstance().setSdk_version(sdk);
 
     // The session type carries none of them in the envelope; both keys null gives no "ky".
-    event.setType(2), event.setAppkey(std::nullopt), config.setAppkey(std::nullopt);
+    event.setType(2);
+    event.setAppkey(std::nullopt);
+    config.setAppkey(std::nullopt);
     zubtest::expectKeys(envelopeOf(event), {{"et", 2}}, {"sv", "av", "ch", "ut", "ky"});
 }
 
@@ -111,8 +118,13 @@ TEST(ZUBProEvent, RestoredEventDropsAppkeyAndTimeStr) {
     ZUBProConfig::getInstance().setAppkey(std::string("process-key"));
     auto event = std::make_shared<ZUBProEvent>();
     event->setMd5(std::string("0123456789abcdef0123456789abcdef"));
-    event->setType(1000), event->setSid(5), event->setTs(1700000000), event->setRetryNum(2);
-    event->setLastReportTs(1700000005), event->setIsImportant(true), event->setIsWrongWifi(true);
+    event->setType(1000);
+    event->setSid(5);
+    event->setTs(1700000000);
+    event->setRetryNum(2);
+    event->setLastReportTs(1700000005);
+    event->setIsImportant(true);
+    event->setIsWrongWifi(true);
     event->setAppkey(std::string("archived-key"));
 
     const zub::Data bytes = zub::KeyedArchiver::archivedDataWithRootObject(event);

@@ -97,7 +97,14 @@ TEST_P(CollectorDashboardApi, AnswersFromTheSummariesAndRefusesBadInputInJson) {
     const Answer devices = get(base, "/api/v1/devices?range=24h&q=mid-1");
     EXPECT_EQ(devices.json["total"], 1);
     EXPECT_EQ(devices.json["devices"][0]["appVersion"], "2.0");
-    EXPECT_EQ(get(base, "/api/v1/device?mid=api-mid-1").json["events"].size(), 8u);
+    EXPECT_EQ(devices.json["devices"][0]["sessions"], 1);
+    const Answer device = get(base, "/api/v1/device?mid=api-mid-1");
+    EXPECT_EQ(device.json["events"].size(), 8u);
+    ASSERT_EQ(device.json["apps"].size(), 1u) << device.body;
+    EXPECT_EQ(device.json["apps"][0]["appVersion"], "2.0");
+    EXPECT_EQ(device.json["apps"][0]["sessions"], 1);
+    EXPECT_EQ(device.json["apps"][0]["events"], 8);
+    EXPECT_EQ(device.json["apps"][0]["firstSeen"], now - 60);
     const Answer live = get(base, "/api/v1/live?limit=3");
     EXPECT_EQ(live.json["events"].size(), 3u);
     EXPECT_EQ(get(base, "/api/v1/live?after=" + live.json["lastId"].dump()).json["events"].size(), 0u);
