@@ -101,6 +101,10 @@ public:
     void setTimeStr(std::optional<std::string> v) { timeStr_ = std::move(v); }
     bool isWrongWifi() const { return isWrongWifi_; }
     void setIsWrongWifi(bool v) { isWrongWifi_ = v; }
+    /// The record of this event in the library's journal of unsent events (0:
+    /// none). The library's bookkeeping: never archived nor sent.
+    std::uint64_t journalSeq() const { return journalSeq_; }
+    void setJournalSeq(std::uint64_t v) { journalSeq_ = v; }
 
 protected:
     /// An event made at `nowMicros` (a reading of the library's clock), for the
@@ -108,15 +112,17 @@ protected:
     explicit ZUBProEvent(std::int64_t nowMicros);
 
 private:
+    // Ordered so the small fields share one word: every waiting event holds them.
     std::optional<std::string> md5_;
-    std::int64_t type_ = 0;
-    bool isImportant_ = false;
     std::optional<std::string> appkey_;
+    std::optional<std::string> timeStr_;
+    std::int64_t type_ = 0;
     std::uint64_t sid_ = 0;
     std::uint64_t ts_ = 0;
     std::int64_t retryNum_ = 0;
     std::uint64_t lastReportTs_ = 0;
+    std::uint64_t journalSeq_ = 0;
     std::int32_t eventIndex_ = 0;
-    std::optional<std::string> timeStr_;
+    bool isImportant_ = false;
     bool isWrongWifi_ = false;
 };

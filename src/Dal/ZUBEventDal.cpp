@@ -80,6 +80,13 @@ void ZUBEventDal::readLogfile(const char* name, ZUBEventDictionary& events) {
 
 void ZUBEventDal::loadLogfile() {
     std::lock_guard lock(eventListLock_);
+    std::vector<std::shared_ptr<ZUBProEvent>> heldBefore;
+    if (loadObserver_) {
+        heldBefore.reserve(toReportEvents_.size() + retryEvents_.size());
+        for (const ZUBEventDictionary* dict : {&toReportEvents_, &retryEvents_}) {
+            for (const auto& [key, event] : *dict) heldBefore.push_back(event);
+        }
+    }
     readLogfile(kToReportLog, toReportEvents_);
     readLogfile(kRetryLog, retryEvents_);
     // A waiting event saved while it was being sent keeps its last attempt time,
@@ -89,7 +96,7 @@ void ZUBEventDal::loadLogfile() {
     for (const auto& [key, event] : toReportEvents_) {
         if (event->lastReportTs() != 0) event->setIsWrongWifi(true);
     }
-    if (loadObserver_) loadObserver_();
+    if (loadObserver_) loadObserver_(std::move(heldBefore));
 }
 
 void ZUBEventDal::saveLastSendTime(std::int64_t seconds) {

@@ -20,8 +20,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 /// A table of timed page views or custom events between their begin and end,
 /// with the re-entrant lock that guards it.
@@ -38,9 +40,12 @@ public:
 
     void saveLogfile();
     void loadLogfile();
+    /// The events held before a load, handed to the load observer.
+    using LoadObserver = std::function<void(std::vector<std::shared_ptr<ZUBProEvent>> heldBefore)>;
     /// Called (on the loading thread, lock held) after loadLogfile replaced the
-    /// dictionaries; the report pipeline matches them with its journal.
-    void setLoadObserver(std::function<void()> observer) {
+    /// dictionaries, with the events they held before; the report pipeline
+    /// matches both with its journal.
+    void setLoadObserver(LoadObserver observer) {
         std::lock_guard lock(eventListLock_);
         loadObserver_ = std::move(observer);
     }
@@ -78,5 +83,5 @@ private:
     ZUBEventDictionary retryEvents_;     // guarded by eventListLock_
     ZUBTimedTable timePageDic_;
     ZUBTimedTable timeEventDic_;
-    std::function<void()> loadObserver_;  // guarded by eventListLock_
+    LoadObserver loadObserver_;  // guarded by eventListLock_
 };

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <limits>
 
 namespace {
 
@@ -15,8 +16,17 @@ char* put(char* at, T value) {
     return at + sizeof(T);
 }
 
+// Lengths in 7-bit groups, low group first; the high bit says another follows.
+std::size_t lengthSize(std::size_t length) {
+    std::size_t bytes = 1;
+    for (; length >= 0x80; length >>= 7) ++bytes;
+    return bytes;
+}
+
 char* putText(char* at, std::string_view text) {
-    at = put(at, static_cast<std::uint32_t>(text.size()));
+    std::size_t length = text.size();
+    for (; length >= 0x80; length >>= 7) *at++ = static_cast<char>((length & 0x7f) | 0x80);
+    *at++ = static_cast<char>(length);
     std::memcpy(at, text.data(), text.size());
     return at + text.size();
 }
@@ -30,17 +40,26 @@ T take(const char*& at) {
 }
 
 std::string_view takeText(const char*& at) {
-    const auto length = take<std::uint32_t>(at);
+    std::size_t length = 0;
+    for (unsigned shift = 0;; shift += 7) {
+        const auto byte = static_cast<unsigned char>(*at++);
+        length |= static_cast<std::size_t>(byte & 0x7f) << shift;
+        if ((byte & 0x80) == 0) break;
+    }
     const std::string_view text(at, length);
     at += length;
     return text;
 }
 
+std::size_t textSize(std::string_view text) {
+    return lengthSize(text.size()) + text.size();
+}
+
 std::size_t packedSize(const zub::Pair& pair) {
-    const std::size_t head = 1 + sizeof(std::uint32_t) + pair.key().text().size();
+    const std::size_t head = 1 + textSize(pair.key().text());
     switch (pair.kind()) {
         case Kind::Text:
-            return head + sizeof(std::uint32_t) + pair.text().size();
+            return head + textSize(pair.text());
         case Kind::Boolean:
             return head + 1;
         default:
@@ -60,6 +79,8 @@ ZUBEventArgs ZUBEventArgs::pack(std::initializer_list<zub::Pair> pairs, const st
         keyless = keyless || !pair.key().present();
         size += packedSize(pair);
     }
+    // Beyond what the packed length holds (never in practice): kept as a Value.
+    nested = nested || size > std::numeric_limits<std::uint32_t>::max();
     if (nested) {
         // Rare: nested values are copied as they are, into one JSON object.
         args.value_ = std::make_unique<zub::Value>(zub::Value::object());
@@ -78,9 +99,9 @@ ZUBEventArgs ZUBEventArgs::pack(std::initializer_list<zub::Pair> pairs, const st
             }
         }
     } else if (size > 0) {
-        // Sized once and written in place: one allocation on the host's thread.
-        args.packed_.resize(size);
-        char* at = args.packed_.data();
+        // Sized once and written in place.
+        char* const start = size <= kInlineBytes ? args.inline_ : (args.heap_ = std::make_unique_for_overwrite<char[]>(size)).get();
+        char* at = start;
         for (const zub::Pair& pair : pairs) {
             if (!pair.key().present()) continue;
             *at++ = static_cast<char>(pair.kind());
@@ -94,7 +115,7 @@ ZUBEventArgs ZUBEventArgs::pack(std::initializer_list<zub::Pair> pairs, const st
                 case Kind::Json: break;  // not here: nested pairs took the branch above
             }
         }
-        args.packed_.resize(static_cast<std::size_t>(at - args.packed_.data()));  // keyless pairs left out
+        args.size_ = static_cast<std::uint32_t>(at - start);  // keyless pairs left out
     }
     if (keyless) {
         for (const zub::Pair& pair : pairs) {
@@ -106,11 +127,21 @@ ZUBEventArgs ZUBEventArgs::pack(std::initializer_list<zub::Pair> pairs, const st
     return args;
 }
 
+ZUBEventArgs& ZUBEventArgs::operator=(ZUBEventArgs&& other) noexcept {
+    if (this == &other) return *this;
+    heap_ = std::move(other.heap_);
+    value_ = std::move(other.value_);
+    size_ = other.size_;
+    if (!heap_) std::memcpy(inline_, other.inline_, size_);
+    other.size_ = 0;
+    return *this;
+}
+
 zub::Value ZUBEventArgs::toValue() const {
-    if (packed_.empty()) return value_ ? *value_ : zub::Value();
+    if (size_ == 0) return value_ ? *value_ : zub::Value();
     zub::Value object = zub::Value::object();
-    const char* at = packed_.data();
-    const char* const end = at + packed_.size();
+    const char* at = bytes();
+    const char* const end = at + size_;
     while (at < end) {
         const auto kind = static_cast<Kind>(*at++);
         const std::string_view key = takeText(at);

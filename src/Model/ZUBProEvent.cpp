@@ -79,9 +79,15 @@ void logUnwritable(const ZUBProEvent& event, const zub::Value& envelope) {
 
 }  // namespace
 
-ZUBProEvent::ZUBProEvent() : timeStr_(microsDigits().erase(0, 2)) {}
+ZUBProEvent::ZUBProEvent() : ZUBProEvent(zub::Clock::nowMicros()) {}
 
-ZUBProEvent::ZUBProEvent(std::int64_t nowMicros) : timeStr_(microsDigits(nowMicros).erase(0, 2)) {}
+// timeStr is the last four of the six microsecond digits, written straight into
+// the string's own buffer (four characters never allocate).
+ZUBProEvent::ZUBProEvent(std::int64_t nowMicros) : timeStr_(std::in_place, 4, '0') {
+    std::int64_t micros = (nowMicros % 1000000) % 10000;
+    if (micros < 0) micros = -micros;
+    for (std::size_t i = 4; i-- > 0 && micros > 0; micros /= 10) (*timeStr_)[i] = static_cast<char>('0' + micros % 10);
+}
 
 ZUBProEvent::ZUBProEvent(const zub::Coder& coder) {
     // Restoring starts from a bare object: no timeStr, not marked wrong-wifi.

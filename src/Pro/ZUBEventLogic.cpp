@@ -10,6 +10,7 @@
 #include "Platform/Clock.h"
 
 #include <algorithm>
+#include <utility>
 
 ZUBEventLogic& ZUBEventLogic::getInstance() {
     static ZUBEventLogic* instance = new ZUBEventLogic();
@@ -19,10 +20,10 @@ ZUBEventLogic& ZUBEventLogic::getInstance() {
 ZUBEventLogic::ZUBEventLogic() : eventListLock_(ZUBEventDal::getInstance().eventListLock()) {
     // Events a load put in place of those in memory are matched with the journal
     // on the queue, before any reply can settle them.
-    ZUBEventDal::getInstance().setLoadObserver([this] {
-        queue_.async([this] {
+    ZUBEventDal::getInstance().setLoadObserver([this](EventList heldBefore) {
+        queue_.async([this, heldBefore = std::move(heldBefore)] {
             std::lock_guard lock(eventListLock_);
-            reconcileAfterLoad();
+            reconcileAfterLoad(heldBefore);
         });
     });
 }
@@ -141,31 +142,50 @@ void ZUBEventLogic::file(const EventPtr& event) {
 void ZUBEventLogic::reportEvent(EventPtr event) {
     if (!event) return;
     std::size_t waiting = 0;
+    bool filerQueued = false;
     {
         std::lock_guard lock(pendingMutex_);
         pending_.push_back(std::move(event));
         waiting = pending_.size();
+        filerQueued = uncheckedCalls_++ != 0;
     }
-    queue_.async([this] {
-        filePendingEvents();
-        checkStrategyReport();
-    });
+    if (!filerQueued) queueFiling();
     if (waiting >= kMaxPendingEvents) fileOnCallersThread();
+}
+
+// One filing task serves every call made until it runs: the call that finds no
+// task waiting queues one, and it files all that arrived meanwhile, then checks
+// the strategy once per call. A burst from the host so costs the queue's lock
+// and a task once, not per event.
+void ZUBEventLogic::queueFiling() {
+    queue_.async([this] {
+        std::size_t calls = 0;
+        {
+            std::lock_guard filing(filingMutex_);
+            EventList events;
+            {
+                std::lock_guard lock(pendingMutex_);
+                events.swap(pending_);
+                calls = std::exchange(uncheckedCalls_, 0);
+            }
+            fileInOrder(events);
+        }
+        for (std::size_t i = 0; i < calls; ++i) checkStrategyReport();
+    });
 }
 
 void ZUBEventLogic::reportEvents(EventList events) {
     std::size_t waiting = 0;
+    bool filerQueued = false;
     {
         std::lock_guard lock(pendingMutex_);
         for (auto& event : events) {
             if (event) pending_.push_back(std::move(event));
         }
         waiting = pending_.size();
+        filerQueued = uncheckedCalls_++ != 0;
     }
-    queue_.async([this] {
-        filePendingEvents();
-        checkStrategyReport();
-    });
+    if (!filerQueued) queueFiling();
     if (waiting >= kMaxPendingEvents) fileOnCallersThread();
 }
 
@@ -186,6 +206,10 @@ void ZUBEventLogic::filePendingEvents() {
         std::lock_guard lock(pendingMutex_);
         events.swap(pending_);
     }
+    fileInOrder(events);
+}
+
+void ZUBEventLogic::fileInOrder(const EventList& events) {
     for (const auto& event : events) file(event);
     std::lock_guard lock(eventListLock_);
     if (journal_ && queue_.isCurrent()) refillFromJournal();

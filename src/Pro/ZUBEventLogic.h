@@ -124,6 +124,9 @@ private:
     ZUBEventLogic();
     void file(const EventPtr& event);
     void fileOnCallersThread();
+    void queueFiling();
+    /// Files the events (filingMutex_ held by the caller).
+    void fileInOrder(const EventList& events);
     /// Events handed over but not yet filed, beyond which the caller files them.
     static constexpr std::size_t kMaxPendingEvents = 2048;
     /// Gives the event a key no other held or just delivered event has (lock held).
@@ -134,13 +137,12 @@ private:
     bool journalReady();
     void openJournal();
     void journalFile(const EventPtr& event);
-    void journalRetire(const std::string& md5);
+    /// Retires the event's journal record, if it has one.
+    void journalRetire(ZUBProEvent& event);
     void refillFromJournal();
-    void reconcileAfterLoad();
+    void reconcileAfterLoad(const EventList& heldBefore);
     void reportDrops();
     void holdInMemory(const EventPtr& event, std::optional<std::uint64_t> seq);
-    /// Records that the event under `key` is the journal's record `seq`.
-    void rememberSeq(const std::string& key, std::uint64_t seq);
     /// Hands the journal's buffered records to the kernel once the queue has
     /// worked through what is already waiting on it (one write for a burst).
     void queueJournalWrite();
@@ -153,6 +155,7 @@ private:
     EventList sendingEvents_;              // guarded by eventListLock_
     std::mutex pendingMutex_;
     EventList pending_;                    // guarded by pendingMutex_
+    std::size_t uncheckedCalls_ = 0;       // calls whose strategy check is due; guarded by pendingMutex_
     std::mutex filingMutex_;               // held while pending events are filed
     std::atomic<bool> isSendingCacheEvent_{false};
     std::atomic<std::uint64_t> lastReportTs_{0};
@@ -172,9 +175,7 @@ private:
     // The journal and its bookkeeping, all guarded by eventListLock_.
     std::unique_ptr<ZUBEventJournal> journal_;
     bool journalTried_ = false;
-    std::unordered_map<std::string, std::uint64_t> seqOfKey_;  // events in memory -> journal seq
-    // Views of the keys held by seqOfKey_: an entry leaves both maps together.
-    std::unordered_map<std::uint64_t, std::string_view> keyOfSeq_;
+    // An event held in memory carries its journal record (ZUBProEvent::journalSeq).
     std::unordered_map<std::string, std::uint64_t> parkedKeys_;  // on disk until the next start
     std::uint64_t unreportedDrops_ = 0;
     bool journalWriteQueued_ = false;

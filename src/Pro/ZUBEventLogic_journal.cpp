@@ -26,6 +26,12 @@ std::size_t heldCount(ZUBEventDal& store) {
     return store.toReportEvents().size() + store.retryEvents().size();
 }
 
+// The event held in memory under `key`, waiting or to be retried.
+ZUBEventLogic::EventPtr heldEvent(ZUBEventDal& store, const std::string& key) {
+    if (auto event = store.toReportEvents().get(key)) return event;
+    return store.retryEvents().get(key);
+}
+
 // Keys of the events in the saved files that this start did not load (a
 // strategy other than 8): their journal entries wait for the load that brings
 // them back, so no event is sent twice.
@@ -81,10 +87,10 @@ void ZUBEventLogic::openJournal() {
     const std::unordered_set<std::string> unloaded = keysOfUnloadedLogfiles();
     std::size_t recovered = 0;
     for (const auto& entry : live) {
-        if (store.toReportEvents().contains(entry.md5) || store.retryEvents().contains(entry.md5)) {
-            if (seqOfKey_.count(entry.md5) == 0) {
+        if (EventPtr held = heldEvent(store, entry.md5)) {
+            if (held->journalSeq() == 0) {
                 journal_->setPlace(entry.seq, ZUBEventJournal::Place::Memory);
-                rememberSeq(entry.md5, entry.seq);
+                held->setJournalSeq(entry.seq);
                 continue;
             }
         } else if (unloaded.count(entry.md5) != 0) {
@@ -98,10 +104,10 @@ void ZUBEventLogic::openJournal() {
     // saved files, or filed before it opened) are journalled now.
     for (ZUBEventDictionary* dict : {&store.toReportEvents(), &store.retryEvents()}) {
         for (const auto& [key, event] : *dict) {
-            if (seqOfKey_.count(key) != 0) continue;
+            if (event->journalSeq() != 0) continue;
             ZUBEventJournal::Dropped dropped;
             if (auto seq = journal_->append(*event, ZUBEventJournal::Place::Memory, dropped)) {
-                rememberSeq(key, *seq);
+                event->setJournalSeq(*seq);
             }
         }
     }
@@ -125,20 +131,9 @@ void ZUBEventLogic::openJournal() {
     }
 }
 
-void ZUBEventLogic::rememberSeq(const std::string& key, std::uint64_t seq) {
-    const auto [entry, fresh] = seqOfKey_.try_emplace(key, seq);
-    if (!fresh) {
-        keyOfSeq_.erase(entry->second);
-        entry->second = seq;
-    }
-    keyOfSeq_[seq] = std::string_view(entry->first);  // the key as seqOfKey_ holds it
-}
-
 void ZUBEventLogic::holdInMemory(const EventPtr& event, std::optional<std::uint64_t> seq) {
     ZUBEventDal::getInstance().toReportEvents().set(*event->md5(), event);
-    if (seq) {
-        rememberSeq(*event->md5(), *seq);
-    }
+    if (seq) event->setJournalSeq(*seq);
 }
 
 void ZUBEventLogic::journalFile(const EventPtr& event) {
@@ -149,25 +144,30 @@ void ZUBEventLogic::journalFile(const EventPtr& event) {
     ZUBEventJournal::Dropped dropped;
     const auto seq =
         journal_->append(*event, inMemory ? ZUBEventJournal::Place::Memory : ZUBEventJournal::Place::Overflow, dropped);
-    if (dropped.count > 0) {
-        std::unordered_set<std::string> inFlight;
+    if (dropped.count > 0 && !dropped.inMemory.empty()) {
+        // Drops are rare and memory holds a bounded number of events: the held
+        // events are searched for the dropped records rather than indexed by them.
+        std::unordered_set<std::uint64_t> droppedSeqs(dropped.inMemory.begin(), dropped.inMemory.end());
+        // An event on its way to the collector is not taken back: it loses only
+        // its journal record, and is not counted as dropped.
         for (const auto& sending : sendingEvents_) {
-            if (sending->md5()) inFlight.insert(*sending->md5());
-        }
-        for (std::uint64_t droppedSeq : dropped.inMemory) {
-            auto key = keyOfSeq_.find(droppedSeq);
-            if (key == keyOfSeq_.end()) continue;
-            const std::string md5(key->second);
-            keyOfSeq_.erase(key);
-            seqOfKey_.erase(md5);
-            // An event on its way to the collector is not taken back: it loses only
-            // its journal record, and is not counted as dropped.
-            if (inFlight.count(md5) != 0) {
+            if (sending->journalSeq() != 0 && droppedSeqs.erase(sending->journalSeq()) != 0) {
+                sending->setJournalSeq(0);
                 --dropped.count;
-            } else {
-                store.toReportEvents().erase(md5);
-                store.retryEvents().erase(md5);
             }
+        }
+        std::vector<std::string> droppedKeys;
+        for (ZUBEventDictionary* dict : {&store.toReportEvents(), &store.retryEvents()}) {
+            for (const auto& [key, held] : *dict) {
+                if (held->journalSeq() != 0 && droppedSeqs.count(held->journalSeq()) != 0) {
+                    held->setJournalSeq(0);
+                    droppedKeys.push_back(key);
+                }
+            }
+        }
+        for (const std::string& key : droppedKeys) {
+            store.toReportEvents().erase(key);
+            store.retryEvents().erase(key);
         }
     }
     if (dropped.count > 0) {
@@ -192,13 +192,11 @@ void ZUBEventLogic::queueJournalWrite() {
     });
 }
 
-void ZUBEventLogic::journalRetire(const std::string& md5) {
-    if (!journal_) return;
-    auto seq = seqOfKey_.find(md5);
-    if (seq == seqOfKey_.end()) return;
-    journal_->retire({seq->second});
-    keyOfSeq_.erase(seq->second);
-    seqOfKey_.erase(seq);
+void ZUBEventLogic::journalRetire(ZUBProEvent& event) {
+    const std::uint64_t seq = event.journalSeq();
+    if (!journal_ || seq == 0) return;
+    event.setJournalSeq(0);
+    journal_->retire({seq});
     queueJournalWrite();
 }
 
@@ -215,25 +213,28 @@ void ZUBEventLogic::refillFromJournal() {
     }
 }
 
-// After a load replaced the dictionaries: events no longer held wait on disk for
-// the next start (the replacement itself is the store's rule); loaded events are
-// matched with their journal entries, or journalled if the journal has none.
-void ZUBEventLogic::reconcileAfterLoad() {
+// After a load replaced the dictionaries: a loaded event that was held before
+// keeps the record of the one it replaces; records of events no longer held wait
+// on disk for the next start (the replacement itself is the store's rule); other
+// loaded events are matched with parked records, or journalled anew.
+void ZUBEventLogic::reconcileAfterLoad(const EventList& heldBefore) {
     if (!journal_) return;
     ZUBEventDal& store = ZUBEventDal::getInstance();
-    for (auto it = seqOfKey_.begin(); it != seqOfKey_.end();) {
-        if (store.toReportEvents().contains(it->first) || store.retryEvents().contains(it->first)) {
-            ++it;
-            continue;
+    for (const auto& before : heldBefore) {
+        const std::uint64_t seq = before->journalSeq();
+        if (seq == 0 || !before->md5()) continue;
+        const EventPtr now = heldEvent(store, *before->md5());
+        if (now && now != before && now->journalSeq() == 0) {
+            now->setJournalSeq(seq);
+        } else if (!now) {
+            journal_->setPlace(seq, ZUBEventJournal::Place::Parked);
+            parkedKeys_[*before->md5()] = seq;
+            before->setJournalSeq(0);
         }
-        journal_->setPlace(it->second, ZUBEventJournal::Place::Parked);
-        parkedKeys_[it->first] = it->second;
-        keyOfSeq_.erase(it->second);
-        it = seqOfKey_.erase(it);
     }
     for (ZUBEventDictionary* dict : {&store.toReportEvents(), &store.retryEvents()}) {
         for (const auto& [key, event] : *dict) {
-            if (seqOfKey_.count(key) != 0) continue;
+            if (event->journalSeq() != 0) continue;
             std::optional<std::uint64_t> seq;
             if (auto parked = parkedKeys_.find(key); parked != parkedKeys_.end()) {
                 seq = parked->second;
@@ -243,9 +244,7 @@ void ZUBEventLogic::reconcileAfterLoad() {
                 ZUBEventJournal::Dropped dropped;
                 seq = journal_->append(*event, ZUBEventJournal::Place::Memory, dropped);
             }
-            if (seq) {
-                rememberSeq(key, *seq);
-            }
+            if (seq) event->setJournalSeq(*seq);
         }
     }
     queueJournalWrite();

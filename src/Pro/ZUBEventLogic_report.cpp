@@ -79,7 +79,7 @@ std::optional<zub::Data> ZUBEventLogic::getRequestData(const EventList& batch) {
                 ZUBEventDal& store = ZUBEventDal::getInstance();
                 store.toReportEvents().erase(*event->md5());
                 store.retryEvents().erase(*event->md5());
-                journalRetire(*event->md5());
+                journalRetire(*event);
             }
             continue;
         }
@@ -113,7 +113,7 @@ void ZUBEventLogic::doAfReceiveData(const std::optional<zub::Value>& reply) {
                     if (!event->md5()) continue;
                     store.toReportEvents().erase(*event->md5());
                     store.retryEvents().erase(*event->md5());
-                    journalRetire(*event->md5());
+                    journalRetire(*event);
                     rememberDelivered(*event);
                 }
                 sendingEvents_.clear();
@@ -169,7 +169,7 @@ void ZUBEventLogic::handleReportFailed(const std::optional<zub::Value>& reply) {
         }
         if (event->retryNum() >= limit) {
             ZUBProHelper::LogDebug("event %@ dropped after %@ failed attempts", key, event->retryNum());
-            journalRetire(key);
+            journalRetire(*event);
         }
     }
     sendingEvents_.clear();

@@ -226,7 +226,8 @@ TEST(ZUBProCustomEvent, ImmediateEventsCarryTheirPairsAsGivenUnlessNotUtf8) {
     ZUBPro::trackCustomEvent("launch");                              // no pairs at all
     ZUBPro::trackCustomEvent("open", zub::Value::object());          // empty pairs
     ZUBPro::trackCustomEvent("empty", {});
-    ZUBPro::trackCustomEvent("keyless", {{none, 1}, {"kept", 2}});
+    const std::string longKey(200, 'k'), longText(300, 'v');  // lengths past one length byte
+    ZUBPro::trackCustomEvent("keyless", {{none, 1}, {"kept", 2}, {longKey, longText}});
     ZUBPro::trackCustomEventDuration("play", {{"song", "x"}}, 5);
     ZUBPro::trackCustomEventDuration("skip", zub::Value(), 0);  // no "du"
     ZUBPro::trackCustomEvent(std::nullopt, {{"a", 1}});              // not checked: no "ei"
@@ -248,7 +249,7 @@ TEST(ZUBProCustomEvent, ImmediateEventsCarryTheirPairsAsGivenUnlessNotUtf8) {
     // Absent pairs and an empty list send no kv; empty pairs send kv {}.
     EXPECT_FALSE(json[2].contains("kv") || json[4].contains("kv"));
     EXPECT_EQ(json[3]["kv"], zub::Value::object());
-    EXPECT_EQ(json[5]["kv"].dump(), R"({"kept":2})");
+    EXPECT_EQ(json[5]["kv"].dump(), R"({"kept":2,")" + longKey + R"(":")" + longText + R"("})");
     EXPECT_TRUE(log.has("[ZUBDebug] [WARN]a pair of event keyless has a null key; it is left out"));
     expectKeys(json[6], {{"du", 5}, {"kv", {{"song", "x"}}}});
     expectKeys(json[7], {{"ei", "skip"}}, {"du"});
