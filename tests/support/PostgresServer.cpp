@@ -1,7 +1,5 @@
 #include "support/PostgresServer.h"
 
-#include "support/CollectorProcess.h"
-
 #include <pwd.h>
 #include <signal.h>
 #include <unistd.h>
@@ -97,10 +95,10 @@ bool PostgresServer::start(std::string& error) {
     for (int attempt = 0; attempt < 5 && !server_; ++attempt) {
         port_ = freeLoopbackPort();
         server_ = std::make_unique<ChildProcess>(
-            as + std::vector<std::string>{"/bin/sh", "-c", "l=$1; shift; exec \"$@\" 2>>\"$l\"", "sh", log,
-                                          (bin_ / "postgres").string(), "-D", data, "-p", std::to_string(port_), "-k",
+            as + std::vector<std::string>{(bin_ / "postgres").string(), "-D", data, "-p", std::to_string(port_), "-k",
                                           dir_.string(), "-c", "listen_addresses=127.0.0.1", "-c", "fsync=off", "-c",
-                                          "max_connections=200", "-c", "full_page_writes=off"});
+                                          "max_connections=200", "-c", "full_page_writes=off"},
+            std::vector<std::string>{}, log);
         // Ready when it answers. It writes nothing to stdout, so reading that waits
         // out the time given, unless the server has ended and closed it.
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
