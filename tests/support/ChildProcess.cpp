@@ -160,8 +160,8 @@ int ChildProcess::wait() {
     return *status_;
 }
 
-int ChildProcess::run(const std::vector<std::string>& argv, const std::vector<std::string>& environment) {
-    ChildProcess child(argv, environment);
+int ChildProcess::run(const std::vector<std::string>& argv) {
+    ChildProcess child(argv);
     child.closeInput();
     while (child.readLine(std::chrono::hours(1))) {
     }

@@ -39,7 +39,7 @@ public:
     /// Runs a command to its end with its input closed and its output dropped
     /// (errors still reach standard error); its exit status as wait() gives it,
     /// or -1 when it cannot be started.
-    static int run(const std::vector<std::string>& argv, const std::vector<std::string>& environment = {});
+    static int run(const std::vector<std::string>& argv);
     /// Runs a command with its input closed and gives the lines it printed, then
     /// "exit <status>"; reading ends at the end of its output or when no line comes
     /// within `timeout`.

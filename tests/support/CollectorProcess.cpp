@@ -58,18 +58,20 @@ int retOf(const std::optional<zub::Value>& reply) {
     return (*reply)["ret"].get<int>();
 }
 
-int runDemoHost(const std::string& collectorUrl, const std::string& app, int launches) {
+int runDemoHost(const std::string& collectorUrl, const std::string& app) {
 #ifdef ZUB_DEMO_PATH
     const std::filesystem::path home = TempHome::makeDir("user-" + app);
-    for (int launch = 0; launch < launches; ++launch) {
-        const int code = ChildProcess::run({ZUB_DEMO_PATH, "--collector", collectorUrl, "--app-key", app, "--pause-ms", "0"},
-                                           {"HOME=" + home.string(), "XDG_CONFIG_HOME=" + (home / ".config").string(),
-                                            "XDG_DATA_HOME=" + (home / ".local/share").string()});
-        if (code != 0) return code;
+    for (int launch = 0; launch < 2; ++launch) {
+        ChildProcess demo({ZUB_DEMO_PATH, "--collector", collectorUrl, "--app-key", app, "--pause-ms", "0"},
+                          {"HOME=" + home.string(), "XDG_CONFIG_HOME=" + (home / ".config").string(),
+                           "XDG_DATA_HOME=" + (home / ".local/share").string()});
+        while (demo.readLine(std::chrono::seconds(120))) {  // its input stays open: it runs its whole script
+        }
+        if (const int code = demo.wait(); code != 0) return code;
     }
     return 0;
 #else
-    (void)collectorUrl, (void)app, (void)launches;
+    (void)collectorUrl, (void)app;
     return -1;
 #endif
 }
