@@ -95,10 +95,11 @@ run "pkg-config, shared" "$work/pc-shared"
 run "pkg-config, static" "$work/pc-static"
 
 step "the C interface from a C99 program (pkg-config)"
-"$cc" -std=c99 -Wall -Wextra -Wpedantic -Werror "${flags[@]}" "${cflags[@]}" "$here/../../examples/c-host/CHost.c" \
-  -o "$work/c-host" "${libs[@]}" -Wl,-rpath,"$libdir"
-"$cc" -std=c99 "${flags[@]}" "${cflags[@]}" "$here/../../examples/c-host/CHost.c" -o "$work/c-host-static" \
-  -Wl,-Bstatic -lZUBCocoa -Wl,-Bdynamic "${static_libs[@]}" -lstdc++ -lm
+"$cc" -std=c99 -Wall -Wextra -Wpedantic -Werror "${flags[@]}" "${cflags[@]}" -c "$here/../../examples/c-host/CHost.c" \
+  -o "$work/c-host.o"
+"$cc" "${flags[@]}" "$work/c-host.o" -o "$work/c-host" "${libs[@]}" -Wl,-rpath,"$libdir"
+"$cc" "${flags[@]}" "$work/c-host.o" -o "$work/c-host-static" -Wl,-Bstatic -lZUBCocoa -Wl,-Bdynamic "${static_libs[@]}" \
+  -lstdc++ -lm
 run "C, shared" "$work/c-host"
 run "C, static" "$work/c-host-static"
 

@@ -169,7 +169,7 @@ TEST(CollectorCluster, MigrateCopiesTheDemoDatabaseOnceWithTheSameStats) {
     // The demo host, as a person runs it, into an SQLite collector.
     CollectorProcess single;
     ASSERT_TRUE(single.start()) << single.failure();
-    ASSERT_EQ(zubtest::runDemoHost(single.url(""), "migrate-app", 1), 0) << single.log();
+    ASSERT_EQ(zubtest::runDemoHost(single.url(""), "migrate-app"), 0) << single.log();
     ASSERT_EQ(single.stop(), 0);
     const std::string file = single.db().string();
     std::string error;
@@ -200,7 +200,7 @@ TEST(CollectorCluster, MigrateCopiesTheDemoDatabaseOnceWithTheSameStats) {
     {
         CollectorProcess reopened({}, file);
         ASSERT_TRUE(reopened.start()) << reopened.failure();
-        ASSERT_EQ(zubtest::runDemoHost(reopened.url(""), "migrate-app-2", 1), 0) << reopened.log();
+        ASSERT_EQ(zubtest::runDemoHost(reopened.url(""), "migrate-app-2"), 0) << reopened.log();
         ASSERT_EQ(reopened.stop(), 0);
     }
     const std::string grown = stats(file);

@@ -54,7 +54,7 @@ std::size_t countOf(const std::string& text, const std::string& what) {
 }
 
 std::string unusedURL(const std::string& path) {
-    return "http://127.0.0.1:" + std::to_string(zubtest::unusedLoopbackPort()) + path;
+    return "http://127.0.0.1:" + std::to_string(zubtest::freeLoopbackPort()) + path;
 }
 
 }  // namespace

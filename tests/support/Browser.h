@@ -16,8 +16,6 @@
 
 #include <ZUBCocoa/ZUBValue.h>
 
-#include <chrono>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -28,8 +26,8 @@ public:
     /// Why no browser can run here (Chromium or its driver not installed), or nothing.
     static std::optional<std::string> missing();
 
-    /// Starts the driver and a headless browser of `width` x `height` pixels.
-    explicit Browser(int width = 1280, int height = 1000);
+    /// Starts the driver and a headless browser of 1280 x 1000 pixels.
+    Browser();
     ~Browser();
     Browser(const Browser&) = delete;
     Browser& operator=(const Browser&) = delete;
@@ -38,18 +36,20 @@ public:
     const std::string& failure() const { return failure_; }
 
     /// Loads `url` and waits for the page's load event.
-    bool open(const std::string& url);
+    bool open(const std::string& url) { return ok() && call("/url", {{"url", url}}); }
     /// Runs `script` (a function body: `return ...`) in the page with `args`; its
     /// value, or null with failure() set when it threw.
     zub::Value run(const std::string& script, const zub::Value& args = zub::Value::array());
-    /// Runs `script` until it returns true, at most `timeout`; false at the end of it.
-    bool waitFor(const std::string& script, std::chrono::milliseconds timeout = std::chrono::seconds(60));
+    /// Runs `script` until it returns true, for at most a minute; false at the end of it.
+    bool waitFor(const std::string& script);
 
 private:
-    std::optional<zub::Value> call(const std::string& method, const std::string& path, const zub::Value& body);
+    /// POSTs `body` to the session's `path` (the whole path when there is no session
+    /// yet; DELETE when `body` is null): the answer's "value", nothing on failure.
+    std::optional<zub::Value> call(const std::string& path, const zub::Value& body);
 
-    std::unique_ptr<ChildProcess> driver_;
-    int port_ = -1;
+    int port_ = freeLoopbackPort();
+    ChildProcess driver_;
     std::string session_;
     std::string failure_;
 };

@@ -1,11 +1,14 @@
 #include "support/ChildProcess.h"
 
 #include <algorithm>
+#include <utility>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -52,7 +55,8 @@ int reap(pid_t pid) {
 
 }  // namespace
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& environment) {
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& environment,
+                           const std::string& errorFile) {
     if (argv.empty()) return;
     int toChild[2], fromChild[2];
     if (::pipe2(toChild, O_CLOEXEC) != 0) return;
@@ -65,6 +69,9 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::vect
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, toChild[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, fromChild[1], STDOUT_FILENO);
+    if (!errorFile.empty()) {
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errorFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    }
     auto args = argvPointers(argv);
     const std::vector<std::string> env = mergedEnvironment(environment);
     auto envp = argvPointers(env);
@@ -118,7 +125,10 @@ std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds time
             buffer_.erase(0, nl + 1);
             return line;
         }
-        if (out_ < 0) return std::nullopt;
+        if (out_ < 0) {
+            if (buffer_.empty()) return std::nullopt;
+            return std::exchange(buffer_, {});  // the last line, without a newline
+        }
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) return std::nullopt;
         pollfd p{out_, POLLIN, 0};
@@ -166,6 +176,22 @@ std::vector<std::string> ChildProcess::outputOf(const std::vector<std::string>& 
     while (auto line = child.readLine(timeout)) lines.push_back(*line);
     lines.push_back("exit " + std::to_string(child.wait()));
     return lines;
+}
+
+int freeLoopbackPort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    int port = -1;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0) {
+        port = ntohs(address.sin_port);
+    }
+    ::close(fd);
+    return port;
 }
 
 }  // namespace zubtest

@@ -1,5 +1,5 @@
 // A child process a test talks to line by line: its standard input and output
-// are pipes, standard error is inherited. Reads wait on the pipe (poll), never
+// are pipes, standard error is inherited or appended to a file. Reads wait on the pipe (poll), never
 // sleep. The destructor closes the input, kills the child if it still runs and
 // reaps it, so no child outlives a failed test.
 #pragma once
@@ -16,8 +16,9 @@ class ChildProcess {
 public:
     /// Starts argv[0] (looked up in PATH when it has no '/') with this process's
     /// environment, where each "NAME=value" of `environment` replaces or adds one
-    /// variable.
-    explicit ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& environment = {});
+    /// variable; its standard error is appended to `errorFile` when one is named.
+    explicit ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& environment = {},
+                          const std::string& errorFile = "");
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -27,8 +28,9 @@ public:
 
     /// Writes `line` and a newline to the child's input.
     bool writeLine(const std::string& line);
-    /// The next line of the child's output without its newline; std::nullopt at
-    /// end of output or when nothing complete arrives within `timeout`.
+    /// The next line of the child's output without its newline (the last one may
+    /// have none); std::nullopt at end of output or when nothing complete arrives
+    /// within `timeout`.
     std::optional<std::string> readLine(std::chrono::milliseconds timeout = std::chrono::seconds(10));
     void closeInput();
     /// Waits for the child to end: its exit code, or 128 + the signal number.
@@ -51,5 +53,9 @@ private:
     std::string buffer_;
     std::optional<int> status_;
 };
+
+/// A loopback TCP port nobody listens on now (bound, then closed): for a server
+/// about to start, or for a client that must find nobody there. -1 on failure.
+int freeLoopbackPort();
 
 }  // namespace zubtest

@@ -8,9 +8,7 @@
 
 #include <httplib.h>
 
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -30,16 +28,6 @@ std::string readFile(const std::filesystem::path& path) {
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
-}
-
-// argv run through the shell so that its stdout and stderr go where the shell's
-// first two arguments say ("-" for stdout: left to the pipe).
-std::vector<std::string> redirected(const std::string& out, const std::string& err, std::vector<std::string> argv) {
-    argv.insert(argv.begin(), {"/bin/sh", "-c",
-                               "o=$1 e=$2; shift 2; if [ \"$o\" = - ]; then exec \"$@\" 2>>\"$e\"; fi; "
-                               "exec \"$@\" >\"$o\" 2>\"$e\"",
-                               "sh", out, err});
-    return argv;
 }
 
 }  // namespace
@@ -70,36 +58,20 @@ int retOf(const std::optional<zub::Value>& reply) {
     return (*reply)["ret"].get<int>();
 }
 
-int freeLoopbackPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return -1;
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    int port = -1;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0) {
-        port = ntohs(address.sin_port);
-    }
-    ::close(fd);
-    return port;
-}
-
-int runDemoHost(const std::string& collectorUrl, const std::string& app, int launches) {
+int runDemoHost(const std::string& collectorUrl, const std::string& app) {
 #ifdef ZUB_DEMO_PATH
     const std::filesystem::path home = TempHome::makeDir("user-" + app);
-    for (int launch = 0; launch < launches; ++launch) {
+    for (int launch = 0; launch < 2; ++launch) {
         ChildProcess demo({ZUB_DEMO_PATH, "--collector", collectorUrl, "--app-key", app, "--pause-ms", "0"},
                           {"HOME=" + home.string(), "XDG_CONFIG_HOME=" + (home / ".config").string(),
                            "XDG_DATA_HOME=" + (home / ".local/share").string()});
-        while (demo.readLine(std::chrono::seconds(120))) {
+        while (demo.readLine(std::chrono::seconds(120))) {  // its input stays open: it runs its whole script
         }
         if (const int code = demo.wait(); code != 0) return code;
     }
     return 0;
 #else
-    (void)collectorUrl, (void)app, (void)launches;
+    (void)collectorUrl, (void)app;
     return -1;
 #endif
 }
@@ -127,18 +99,19 @@ CommandResult CollectorProcess::run(const std::vector<std::string>& args) {
         result.err = "this build has no collector";
         return result;
     }
-    // Both streams go to files, so that neither pipe can fill up and stall the command.
-    const std::filesystem::path dir =
-        TempHome::makeDir("run-" + std::to_string(::getpid()) + "-" + std::to_string(instanceCounter++));
+    // Standard error goes to a file, so that no pipe can fill up and stall the command.
+    const std::filesystem::path err =
+        TempHome::makeDir("run-" + std::to_string(::getpid()) + "-" + std::to_string(instanceCounter++)) / "err";
     std::vector<std::string> full{binaryPath()};
     full.insert(full.end(), args.begin(), args.end());
-    ChildProcess command(redirected((dir / "out").string(), (dir / "err").string(), full));
+    ChildProcess command(full, {}, err.string());
+    command.closeInput();
+    while (auto line = command.readLine(std::chrono::minutes(5))) result.out += *line + "\n";
     const int code = command.wait();
     result.exitCode = code >= 0 && code < 128 ? code : -1;
-    result.out = readFile(dir / "out");
-    result.err = readFile(dir / "err");
+    result.err = readFile(err);
     std::error_code ec;
-    std::filesystem::remove_all(dir, ec);
+    std::filesystem::remove_all(err.parent_path(), ec);
     return result;
 }
 
@@ -173,7 +146,7 @@ bool CollectorProcess::start() {
     }
     std::vector<std::string> args{binaryPath(), "--port", "0", "--db", db_.string()};
     args.insert(args.end(), extraArgs_.begin(), extraArgs_.end());
-    child_ = std::make_unique<ChildProcess>(redirected("-", logPath_.string(), args));
+    child_ = std::make_unique<ChildProcess>(args, std::vector<std::string>{}, logPath_.string());
     const auto line = child_->readLine(std::chrono::seconds(60));
     if (line) {
         output_ = *line + "\n";

@@ -33,7 +33,4 @@ private:
     int port_ = -1;
 };
 
-/// A loopback port that nothing listens on (bound, then closed).
-int unusedLoopbackPort();
-
 }  // namespace zubtest

@@ -1,9 +1,10 @@
 // A real PostgreSQL server for tests: Debian's binaries (/usr/lib/postgresql/<version>/bin),
-// a fresh cluster in a temporary directory, listening on a free loopback port
-// with its socket in that directory. Run as an unprivileged user ("nobody") when
-// the tests run as root, as the server refuses root. Started on first use, once
-// per test process, from the test's main thread; stopped and removed when the
-// process ends (and stopped by the kernel if the process dies first).
+// a fresh cluster (a copy of one that initdb made once, kept in /tmp) in a temporary
+// directory, listening on a free loopback port with its socket in that directory.
+// Run as an unprivileged user ("nobody") when the tests run as root, as the server
+// refuses root. Started on first use, once per test process, from the test's main
+// thread; stopped and removed when the process ends (and stopped by the kernel if
+// the process dies first).
 //
 //   std::string error;
 //   std::string url = zubtest::PostgresServer::newDatabase(error);  // "postgresql://zub@127.0.0.1:PORT/zub_1"

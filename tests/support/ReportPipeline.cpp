@@ -59,15 +59,7 @@ WireServer::WireServer() {
     auto serve = [this](const httplib::Request& req, httplib::Response& res) {
         const std::string key = ZUBProConfig::getInstance().rc4Key().value_or("");
         WireRequest request;
-        request.path = req.path;
-        if (!req.params.empty()) {
-            request.path += "?";
-            bool first = true;
-            for (const auto& [name, value] : req.params) {
-                request.path += (first ? "" : "&") + name + "=" + value;
-                first = false;
-            }
-        }
+        request.path = req.target;  // as sent: path and query
         request.encoding = req.get_header_value("Content-Encoding");
         auto unwrapped = zub::WireCodec::unwrapRequest(zub::Data(req.body.begin(), req.body.end()), request.encoding, key);
         if (unwrapped.plain) {

@@ -1,6 +1,7 @@
 #include "Common/Network/ZUBHttp.h"
 #include "Common/Network/ZUBWireCodec.h"
 #include "Common/ZUBProHelper.h"
+#include "support/ChildProcess.h"
 #include "support/LogCapture.h"
 #include "support/LoopbackServer.h"
 
@@ -140,7 +141,7 @@ TEST(ZUBHttp, FailedRepliesGiveNothingAndFailedConnectionsTheErrorDictionary) {
 
     LogCapture log;
     auto reply = ZUBHttp::getInstance().httpPost(
-        bodyOfLength(20), 2, "http://127.0.0.1:" + std::to_string(zubtest::unusedLoopbackPort()) + "/mstat/report");
+        bodyOfLength(20), 2, "http://127.0.0.1:" + std::to_string(zubtest::freeLoopbackPort()) + "/mstat/report");
     ASSERT_TRUE(reply && reply->is_object());
     ASSERT_TRUE(reply->contains(responseErrorKey));
     EXPECT_EQ(std::string(responseErrorKey), "KEY_RESPONSE_ERROR_KEY");
