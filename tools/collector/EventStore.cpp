@@ -80,6 +80,7 @@ struct EventStore::Statements {
     Statement readConfigState;
     Statement writeConfigState;  // sets the versions that are given, keeps the others
     Statement lockIdentifier;    // PostgreSQL: a lock on one identifier, to the commit
+    Statement savepoint, releaseSavepoint, rollbackToSavepoint;  // SQLite: one request of a group
     std::unique_ptr<RollupWriter> rollups;  // the dashboard's summaries
 };
 
@@ -109,6 +110,9 @@ bool EventStore::prepare(std::string& error) {
             "INSERT INTO devices (mid, ifv, ioa, ui, first_seen, last_seen) VALUES (?1, ?2, ?3, ?4, ?5, ?5) "
             "ON CONFLICT (mid) DO UPDATE SET last_seen = MAX(last_seen, excluded.last_seen)",
             error);
+        s.savepoint = db.prepare("SAVEPOINT job", error);
+        s.releaseSavepoint = db.prepare("RELEASE SAVEPOINT job", error);
+        s.rollbackToSavepoint = db.prepare("ROLLBACK TO SAVEPOINT job", error);
     }
     s.findByMid = db.prepare("SELECT mid FROM devices WHERE mid = ?1", error);
     s.findByUi = db.prepare("SELECT mid FROM devices WHERE ui = ?1 ORDER BY last_seen DESC LIMIT 1", error);
@@ -137,7 +141,8 @@ bool EventStore::prepare(std::string& error) {
     if (!s.rollups) return false;
     for (const Statement* statement : {&s.findByMid, &s.findByUi, &s.findByIoa, &s.findByIfv, &s.updateDevice,
                                        &s.insertDevice, &s.readConfigState, &s.writeConfigState}) {
-        if (!statement->ok() || (!postgres && (!s.insertEvent.ok() || !s.touchDevice.ok()))) {
+        if (!statement->ok() || (!postgres && (!s.insertEvent.ok() || !s.touchDevice.ok() || !s.savepoint.ok() ||
+                                               !s.releaseSavepoint.ok() || !s.rollbackToSavepoint.ok()))) {
             error = "cannot prepare statements: " + error;
             return false;
         }
@@ -181,7 +186,7 @@ bool EventStore::submit(Job& job, std::string& error) {
     }
     pending_.push_back(&job);
     workReady_.notify_one();
-    jobsDone_.wait(lock, [&job] { return job.done; });
+    job.finished.wait(lock, [&job] { return job.done; });
     if (!job.ok) error = job.error;
     return job.ok;
 }
@@ -201,10 +206,14 @@ void EventStore::writerLoop() {
         maintain(nowSeconds());
         runJobs(jobs);
         {
+            // Each submitter is woken alone, by its own condition; under the lock,
+            // since a submitter that sees `done` returns and its job is gone.
             std::lock_guard lock(mutex_);
-            for (Job* job : jobs) job->done = true;
+            for (Job* job : jobs) {
+                job->done = true;
+                job->finished.notify_one();
+            }
         }
-        jobsDone_.notify_all();
         jobs.clear();
     }
 }
@@ -293,9 +302,12 @@ bool EventStore::tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transi
     };
     if (!db.exec(savepoints ? "BEGIN IMMEDIATE" : "BEGIN", error)) return failed("");
     if (!lockIdentifiers(jobs, error)) return failed("cannot lock device identifiers: ");
+    Statements& s = *statements_;
     for (Job* job : jobs) {
-        std::string ignored;
-        if (savepoints && !db.exec("SAVEPOINT job", job->error)) return failed("");
+        if (savepoints && !s.savepoint.run()) {
+            job->error = db.lastError();
+            return failed("");
+        }
         job->ok = job->events ? storeBatchNow(*job, now, job->error)
                               : registerDeviceNow(*job->request, now, *job->registration, job->error);
         if (!job->ok) {
@@ -304,13 +316,13 @@ bool EventStore::tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transi
                 culprit = job;
                 return false;
             }
-            db.exec("ROLLBACK TO SAVEPOINT job", ignored);
+            s.rollbackToSavepoint.run();
         } else if (job->events) {
             for (std::size_t i = 0; i < job->events->size(); ++i) {
-                if (job->fresh[i]) statements_->rollups->collect((*job->events)[i], now);
+                if (job->fresh[i]) s.rollups->collect((*job->events)[i], now);
             }
         }
-        if (savepoints) db.exec("RELEASE SAVEPOINT job", ignored);
+        if (savepoints) s.releaseSavepoint.run();
     }
     if (!touchDevices(now, error)) return failed("cannot record devices: ");
     if (!statements_->rollups->flush(error)) {

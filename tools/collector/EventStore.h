@@ -104,6 +104,7 @@ private:
         MidOutcome* registration = nullptr;
         std::vector<bool> fresh;  // per event: stored now (not sent before); writer thread only
         bool done = false;  // guarded by mutex_
+        std::condition_variable finished;  // the submitter waits here for `done`
         bool ok = false;
         std::string error;
     };
@@ -144,7 +145,6 @@ private:
 
     std::mutex mutex_;
     std::condition_variable workReady_;  // the writer waits here for jobs
-    std::condition_variable jobsDone_;   // submitters wait here for their commit
     std::deque<Job*> pending_;           // guarded by mutex_
     bool closing_ = false;               // guarded by mutex_
     std::thread writer_;
