@@ -258,6 +258,7 @@ void EventStore::runJobs(std::vector<Job*>& jobs) {
     const std::int64_t now = nowSeconds();
     std::vector<Job*> active = jobs;
     std::string error;
+    bool groupInsert = db_->dialect() == Dialect::Postgres;
     for (int attempt = 1; !active.empty();) {
         for (Job* job : active) {
             job->ok = false;
@@ -270,10 +271,16 @@ void EventStore::runJobs(std::vector<Job*>& jobs) {
         }
         bool transient = false;
         Job* culprit = nullptr;
-        if (tryJobs(active, now, transient, culprit, error)) return;
+        bool groupInsertFailed = false;
+        if (tryJobs(active, now, groupInsert, transient, culprit, groupInsertFailed, error)) return;
         std::string ignored;
         db_->exec("ROLLBACK", ignored);
         statements_->rollups->discard();
+        if (groupInsertFailed && !transient) {
+            // Again with each request's events on their own, to find the one at fault.
+            groupInsert = false;
+            continue;
+        }
         if (culprit) {
             // That request is answered with its failure; the others run again without it.
             active.erase(std::find(active.begin(), active.end(), culprit));
@@ -287,8 +294,8 @@ void EventStore::runJobs(std::vector<Job*>& jobs) {
     }
 }
 
-bool EventStore::tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transient, Job*& culprit,
-                         std::string& error) {
+bool EventStore::tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool groupInsert, bool& transient,
+                         Job*& culprit, bool& groupInsertFailed, std::string& error) {
     Database& db = *db_;
     // SQLite's savepoints cost nothing; on PostgreSQL each is a round trip, so a
     // group runs without them and, when one request fails, again without that one.
@@ -302,6 +309,28 @@ bool EventStore::tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transi
     };
     if (!db.exec(savepoints ? "BEGIN IMMEDIATE" : "BEGIN", error)) return failed("");
     if (!lockIdentifiers(jobs, error)) return failed("cannot lock device identifiers: ");
+    for (Job* job : jobs) job->inserted = false;
+    if (groupInsert && !savepoints) {
+        // One statement per 64 events of the whole group rather than one per request.
+        std::vector<const EventRecord*> events;
+        for (const Job* job : jobs) {
+            if (!job->events) continue;
+            for (const EventRecord& event : *job->events) events.push_back(&event);
+        }
+        std::vector<bool> fresh;
+        if (!insertEventsPostgres(events, now, fresh, error)) {
+            groupInsertFailed = true;
+            return failed("");
+        }
+        std::size_t at = 0;
+        for (Job* job : jobs) {
+            if (!job->events) continue;
+            job->fresh.assign(fresh.begin() + static_cast<std::ptrdiff_t>(at),
+                              fresh.begin() + static_cast<std::ptrdiff_t>(at + job->events->size()));
+            at += job->events->size();
+            job->inserted = true;
+        }
+    }
     Statements& s = *statements_;
     for (Job* job : jobs) {
         if (savepoints && !s.savepoint.run()) {
@@ -435,12 +464,23 @@ bool EventStore::insertEvents(const std::vector<EventRecord>& events, std::int64
         return true;
     }
 
+    std::vector<const EventRecord*> pointers;
+    pointers.reserve(events.size());
+    for (const EventRecord& event : events) pointers.push_back(&event);
+    return insertEventsPostgres(pointers, now, fresh, error);
+}
+
+bool EventStore::insertEventsPostgres(const std::vector<const EventRecord*>& events, std::int64_t now,
+                                      std::vector<bool>& fresh, std::string& error) {
+    Statements& s = *statements_;
+    Database& db = *db_;
+    fresh.assign(events.size(), false);
     // PostgreSQL: one statement per 64 events stores the identities that are new
     // and the events that are new (those without an identity, or with one stored
     // neither before nor by this group), and answers which those were.
     std::vector<std::size_t> toSend;
     for (std::size_t i = 0; i < events.size(); ++i) {
-        if (!events[i].key || keysThisGroup_.insert(*events[i].key).second) toSend.push_back(i);
+        if (!events[i]->key || keysThisGroup_.insert(*events[i]->key).second) toSend.push_back(i);
     }
     constexpr int kColumns = 9;
     for (std::size_t start = 0; start < toSend.size(); start += kRowsPerInsert) {
@@ -469,7 +509,7 @@ bool EventStore::insertEvents(const std::vector<EventRecord>& events, std::int64
         }
         for (std::size_t r = 0; r < rows; ++r) {
             const std::size_t i = toSend[start + r];
-            const EventRecord& event = events[i];
+            const EventRecord& event = *events[i];
             const int base = static_cast<int>(r) * kColumns;
             insert.bind(base + 1, static_cast<std::int64_t>(i));
             insert.bind(base + 2, event.key);
@@ -501,7 +541,7 @@ bool EventStore::storeBatchNow(Job& job, std::int64_t now, std::string& error) {
     Statements& s = *statements_;
     const std::vector<EventRecord>& events = *job.events;
     StoreOutcome& outcome = *job.report;
-    if (!insertEvents(events, now, job.fresh, error)) return false;
+    if (!job.inserted && !insertEvents(events, now, job.fresh, error)) return false;
     std::set<std::string> devicesSeen;
     for (std::size_t i = 0; i < events.size(); ++i) {
         const EventRecord& event = events[i];
