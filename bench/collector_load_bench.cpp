@@ -5,6 +5,13 @@
 // and fails when any acknowledged event is missing from the database. Runs on
 // each store: an SQLite file, and a PostgreSQL database on a server the
 // benchmark starts (Debian's postgresql package).
+//
+// Throughput on a shared machine says as much about the other processes as about
+// the collector, so the run also reports the processor time each side spent per
+// answered batch (user + system, over the load only): the client threads of this
+// process, the collector, and the PostgreSQL server's processes; and the load
+// average when the load ended. Those figures do not depend on how busy the
+// machine is, and their sum bounds what the machine's cores can answer.
 #include <benchmark/benchmark.h>
 
 #if __has_include("support/CollectorProcess.h") && defined(ZUB_COLLECTOR_PATH)
@@ -12,9 +19,17 @@
 #include "Common/Network/ZUBHttp.h"
 #include "support/CollectorProcess.h"
 
+#include <dirent.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
+#include <map>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,6 +46,67 @@ int loadSeconds() {
     const char* text = std::getenv("ZUB_LOAD_SECONDS");
     const int seconds = text ? std::atoi(text) : 10;
     return seconds > 0 && seconds <= 120 ? seconds : 10;
+}
+
+double secondsOf(const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; }
+
+// Processor time (user + system) this process's threads have used.
+double ownCpuSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return secondsOf(usage.ru_utime) + secondsOf(usage.ru_stime);
+}
+
+// Processor time of the live processes below this one, split into the
+// collector's and everybody else's (the PostgreSQL server: the postmaster with
+// what it reaped of its ended backends, and the live backends). Read from
+// /proc/<pid>/stat: the command name in parentheses, then the fields from the
+// state on (ppid is the 2nd after it, utime..cstime the 12th to the 15th).
+struct DescendantCpu {
+    double collector = 0;
+    double others = 0;
+};
+
+DescendantCpu descendantCpuSeconds() {
+    struct Process {
+        pid_t parent = 0;
+        std::string name;
+        double seconds = 0;
+    };
+    std::map<pid_t, Process> processes;
+    const double tick = static_cast<double>(sysconf(_SC_CLK_TCK));
+    if (DIR* proc = opendir("/proc")) {
+        while (const dirent* entry = readdir(proc)) {
+            const pid_t pid = static_cast<pid_t>(std::atoi(entry->d_name));
+            if (pid <= 0) continue;
+            std::ifstream file("/proc/" + std::string(entry->d_name) + "/stat");
+            std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+            const auto open = text.find('(');
+            const auto close = text.rfind(')');
+            if (open == std::string::npos || close == std::string::npos || close < open) continue;
+            Process process;
+            process.name = text.substr(open + 1, close - open - 1);
+            std::istringstream fields(text.substr(close + 1));
+            std::vector<std::string> values;
+            for (std::string value; fields >> value;) values.push_back(value);
+            if (values.size() < 15) continue;
+            process.parent = static_cast<pid_t>(std::atol(values[1].c_str()));
+            for (int i = 11; i <= 14; ++i) process.seconds += static_cast<double>(std::atoll(values[i].c_str())) / tick;
+            processes[pid] = process;
+        }
+        closedir(proc);
+    }
+    DescendantCpu cpu;
+    const pid_t self = getpid();
+    for (const auto& [pid, process] : processes) {
+        bool below = false;
+        for (pid_t up = process.parent; up > 1 && !below; up = processes.count(up) ? processes[up].parent : 0) {
+            below = up == self;
+        }
+        if (!below) continue;
+        (process.name == "zub-collector" ? cpu.collector : cpu.others) += process.seconds;
+    }
+    return cpu;
 }
 
 // A batch shaped like the library's custom events, each event with its own index
@@ -67,8 +143,13 @@ void CollectorLoad(benchmark::State& state) {
     std::atomic<std::int64_t> acknowledged{0};
     std::atomic<std::int64_t> failed{0};
     double elapsed = 0;
+    double clientCpu = 0;
+    DescendantCpu serverCpu;
+    double loadAverage = -1;
 
     for (auto _ : state) {
+        const double ownBefore = ownCpuSeconds();
+        const DescendantCpu serverBefore = descendantCpuSeconds();
         const auto started = std::chrono::steady_clock::now();
         const auto deadline = started + duration;
         std::vector<std::thread> clients;
@@ -86,6 +167,11 @@ void CollectorLoad(benchmark::State& state) {
         }
         for (auto& client : clients) client.join();
         elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+        const DescendantCpu serverAfter = descendantCpuSeconds();
+        clientCpu = ownCpuSeconds() - ownBefore;
+        serverCpu.collector = serverAfter.collector - serverBefore.collector;
+        serverCpu.others = serverAfter.others - serverBefore.others;
+        getloadavg(&loadAverage, 1);
     }
 
     const int exitCode = collector.stop();
@@ -98,6 +184,11 @@ void CollectorLoad(benchmark::State& state) {
     state.counters["batches_failed"] = benchmark::Counter(static_cast<double>(failed.load()));
     state.counters["events_stored"] = benchmark::Counter(static_cast<double>(stored));
     state.counters["events_lost"] = benchmark::Counter(static_cast<double>(sent - stored));
+    const double batches = static_cast<double>(std::max<std::int64_t>(acknowledged.load(), 1));
+    state.counters["client_cpu_us_per_batch"] = benchmark::Counter(clientCpu * 1e6 / batches);
+    state.counters["collector_cpu_us_per_batch"] = benchmark::Counter(serverCpu.collector * 1e6 / batches);
+    state.counters["database_cpu_us_per_batch"] = benchmark::Counter(serverCpu.others * 1e6 / batches);
+    state.counters["load_avg_1m"] = benchmark::Counter(loadAverage);
     if (exitCode != 0) state.SkipWithError("the collector did not stop cleanly");
     if (stored != sent) state.SkipWithError("stored events differ from acknowledged events");
 }

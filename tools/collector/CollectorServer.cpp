@@ -231,7 +231,7 @@ void CollectorServer::handle(Route route, const httplib::Request& req, httplib::
         replyError(res, entry, kRetStorage, std::string("internal error: ") + e.what());
         res.status = 500;
     }
-    log_.write(entry.line(res.status));
+    if (!log_.quiet()) log_.write(entry.line(res.status));
     // Events count as stored only when the answer says so ("ret" 0).
     metrics_.recordRequest(route == Route::Report ? Metrics::Route::Report : Metrics::Route::Mid, res.status, entry.ret,
                            entry.ret == kRetOk ? entry.events : 0, entry.newDevice, entry.seconds());

@@ -31,6 +31,8 @@ class RequestLog {
 public:
     explicit RequestLog(bool quiet) : quiet_(quiet) {}
     void write(const std::string& line);
+    /// True when write() drops its lines (so that they need not be made).
+    bool quiet() const { return quiet_; }
     /// Written even when quiet (start, stop, failures of the collector itself).
     void always(const std::string& line);
 

@@ -80,6 +80,7 @@ struct EventStore::Statements {
     Statement readConfigState;
     Statement writeConfigState;  // sets the versions that are given, keeps the others
     Statement lockIdentifier;    // PostgreSQL: a lock on one identifier, to the commit
+    Statement savepoint, releaseSavepoint, rollbackToSavepoint;  // SQLite: one request of a group
     std::unique_ptr<RollupWriter> rollups;  // the dashboard's summaries
 };
 
@@ -109,6 +110,9 @@ bool EventStore::prepare(std::string& error) {
             "INSERT INTO devices (mid, ifv, ioa, ui, first_seen, last_seen) VALUES (?1, ?2, ?3, ?4, ?5, ?5) "
             "ON CONFLICT (mid) DO UPDATE SET last_seen = MAX(last_seen, excluded.last_seen)",
             error);
+        s.savepoint = db.prepare("SAVEPOINT job", error);
+        s.releaseSavepoint = db.prepare("RELEASE SAVEPOINT job", error);
+        s.rollbackToSavepoint = db.prepare("ROLLBACK TO SAVEPOINT job", error);
     }
     s.findByMid = db.prepare("SELECT mid FROM devices WHERE mid = ?1", error);
     s.findByUi = db.prepare("SELECT mid FROM devices WHERE ui = ?1 ORDER BY last_seen DESC LIMIT 1", error);
@@ -137,7 +141,8 @@ bool EventStore::prepare(std::string& error) {
     if (!s.rollups) return false;
     for (const Statement* statement : {&s.findByMid, &s.findByUi, &s.findByIoa, &s.findByIfv, &s.updateDevice,
                                        &s.insertDevice, &s.readConfigState, &s.writeConfigState}) {
-        if (!statement->ok() || (!postgres && (!s.insertEvent.ok() || !s.touchDevice.ok()))) {
+        if (!statement->ok() || (!postgres && (!s.insertEvent.ok() || !s.touchDevice.ok() || !s.savepoint.ok() ||
+                                               !s.releaseSavepoint.ok() || !s.rollbackToSavepoint.ok()))) {
             error = "cannot prepare statements: " + error;
             return false;
         }
@@ -181,7 +186,7 @@ bool EventStore::submit(Job& job, std::string& error) {
     }
     pending_.push_back(&job);
     workReady_.notify_one();
-    jobsDone_.wait(lock, [&job] { return job.done; });
+    job.finished.wait(lock, [&job] { return job.done; });
     if (!job.ok) error = job.error;
     return job.ok;
 }
@@ -201,10 +206,14 @@ void EventStore::writerLoop() {
         maintain(nowSeconds());
         runJobs(jobs);
         {
+            // Each submitter is woken alone, by its own condition; under the lock,
+            // since a submitter that sees `done` returns and its job is gone.
             std::lock_guard lock(mutex_);
-            for (Job* job : jobs) job->done = true;
+            for (Job* job : jobs) {
+                job->done = true;
+                job->finished.notify_one();
+            }
         }
-        jobsDone_.notify_all();
         jobs.clear();
     }
 }
@@ -249,6 +258,7 @@ void EventStore::runJobs(std::vector<Job*>& jobs) {
     const std::int64_t now = nowSeconds();
     std::vector<Job*> active = jobs;
     std::string error;
+    bool groupInsert = db_->dialect() == Dialect::Postgres;
     for (int attempt = 1; !active.empty();) {
         for (Job* job : active) {
             job->ok = false;
@@ -261,10 +271,16 @@ void EventStore::runJobs(std::vector<Job*>& jobs) {
         }
         bool transient = false;
         Job* culprit = nullptr;
-        if (tryJobs(active, now, transient, culprit, error)) return;
+        bool groupInsertFailed = false;
+        if (tryJobs(active, now, groupInsert, transient, culprit, groupInsertFailed, error)) return;
         std::string ignored;
         db_->exec("ROLLBACK", ignored);
         statements_->rollups->discard();
+        if (groupInsertFailed && !transient) {
+            // Again with each request's events on their own, to find the one at fault.
+            groupInsert = false;
+            continue;
+        }
         if (culprit) {
             // That request is answered with its failure; the others run again without it.
             active.erase(std::find(active.begin(), active.end(), culprit));
@@ -278,8 +294,8 @@ void EventStore::runJobs(std::vector<Job*>& jobs) {
     }
 }
 
-bool EventStore::tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transient, Job*& culprit,
-                         std::string& error) {
+bool EventStore::tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool groupInsert, bool& transient,
+                         Job*& culprit, bool& groupInsertFailed, std::string& error) {
     Database& db = *db_;
     // SQLite's savepoints cost nothing; on PostgreSQL each is a round trip, so a
     // group runs without them and, when one request fails, again without that one.
@@ -293,9 +309,34 @@ bool EventStore::tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transi
     };
     if (!db.exec(savepoints ? "BEGIN IMMEDIATE" : "BEGIN", error)) return failed("");
     if (!lockIdentifiers(jobs, error)) return failed("cannot lock device identifiers: ");
+    for (Job* job : jobs) job->inserted = false;
+    if (groupInsert && !savepoints) {
+        // One statement per 64 events of the whole group rather than one per request.
+        std::vector<const EventRecord*> events;
+        for (const Job* job : jobs) {
+            if (!job->events) continue;
+            for (const EventRecord& event : *job->events) events.push_back(&event);
+        }
+        std::vector<bool> fresh;
+        if (!insertEventsPostgres(events, now, fresh, error)) {
+            groupInsertFailed = true;
+            return failed("");
+        }
+        std::size_t at = 0;
+        for (Job* job : jobs) {
+            if (!job->events) continue;
+            job->fresh.assign(fresh.begin() + static_cast<std::ptrdiff_t>(at),
+                              fresh.begin() + static_cast<std::ptrdiff_t>(at + job->events->size()));
+            at += job->events->size();
+            job->inserted = true;
+        }
+    }
+    Statements& s = *statements_;
     for (Job* job : jobs) {
-        std::string ignored;
-        if (savepoints && !db.exec("SAVEPOINT job", job->error)) return failed("");
+        if (savepoints && !s.savepoint.run()) {
+            job->error = db.lastError();
+            return failed("");
+        }
         job->ok = job->events ? storeBatchNow(*job, now, job->error)
                               : registerDeviceNow(*job->request, now, *job->registration, job->error);
         if (!job->ok) {
@@ -304,13 +345,13 @@ bool EventStore::tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transi
                 culprit = job;
                 return false;
             }
-            db.exec("ROLLBACK TO SAVEPOINT job", ignored);
+            s.rollbackToSavepoint.run();
         } else if (job->events) {
             for (std::size_t i = 0; i < job->events->size(); ++i) {
-                if (job->fresh[i]) statements_->rollups->collect((*job->events)[i], now);
+                if (job->fresh[i]) s.rollups->collect((*job->events)[i], now);
             }
         }
-        if (savepoints) db.exec("RELEASE SAVEPOINT job", ignored);
+        if (savepoints) s.releaseSavepoint.run();
     }
     if (!touchDevices(now, error)) return failed("cannot record devices: ");
     if (!statements_->rollups->flush(error)) {
@@ -423,12 +464,23 @@ bool EventStore::insertEvents(const std::vector<EventRecord>& events, std::int64
         return true;
     }
 
+    std::vector<const EventRecord*> pointers;
+    pointers.reserve(events.size());
+    for (const EventRecord& event : events) pointers.push_back(&event);
+    return insertEventsPostgres(pointers, now, fresh, error);
+}
+
+bool EventStore::insertEventsPostgres(const std::vector<const EventRecord*>& events, std::int64_t now,
+                                      std::vector<bool>& fresh, std::string& error) {
+    Statements& s = *statements_;
+    Database& db = *db_;
+    fresh.assign(events.size(), false);
     // PostgreSQL: one statement per 64 events stores the identities that are new
     // and the events that are new (those without an identity, or with one stored
     // neither before nor by this group), and answers which those were.
     std::vector<std::size_t> toSend;
     for (std::size_t i = 0; i < events.size(); ++i) {
-        if (!events[i].key || keysThisGroup_.insert(*events[i].key).second) toSend.push_back(i);
+        if (!events[i]->key || keysThisGroup_.insert(*events[i]->key).second) toSend.push_back(i);
     }
     constexpr int kColumns = 9;
     for (std::size_t start = 0; start < toSend.size(); start += kRowsPerInsert) {
@@ -457,7 +509,7 @@ bool EventStore::insertEvents(const std::vector<EventRecord>& events, std::int64
         }
         for (std::size_t r = 0; r < rows; ++r) {
             const std::size_t i = toSend[start + r];
-            const EventRecord& event = events[i];
+            const EventRecord& event = *events[i];
             const int base = static_cast<int>(r) * kColumns;
             insert.bind(base + 1, static_cast<std::int64_t>(i));
             insert.bind(base + 2, event.key);
@@ -489,7 +541,7 @@ bool EventStore::storeBatchNow(Job& job, std::int64_t now, std::string& error) {
     Statements& s = *statements_;
     const std::vector<EventRecord>& events = *job.events;
     StoreOutcome& outcome = *job.report;
-    if (!insertEvents(events, now, job.fresh, error)) return false;
+    if (!job.inserted && !insertEvents(events, now, job.fresh, error)) return false;
     std::set<std::string> devicesSeen;
     for (std::size_t i = 0; i < events.size(); ++i) {
         const EventRecord& event = events[i];

@@ -103,7 +103,9 @@ private:
         const MidRequest* request = nullptr;
         MidOutcome* registration = nullptr;
         std::vector<bool> fresh;  // per event: stored now (not sent before); writer thread only
+        bool inserted = false;    // PostgreSQL: its events were stored with the group's; writer thread only
         bool done = false;  // guarded by mutex_
+        std::condition_variable finished;  // the submitter waits here for `done`
         bool ok = false;
         std::string error;
     };
@@ -119,7 +121,12 @@ private:
     /// transaction failed (`transient` when a retry may succeed).
     /// On PostgreSQL a request that fails undoes the whole attempt: it is named
     /// in `culprit`, to be left out of the next.
-    bool tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool& transient, Job*& culprit, std::string& error);
+    /// On PostgreSQL the events of all the group's reports are stored together
+    /// (`groupInsert`); when that fails for a reason a retry does not cure, the
+    /// group runs again with each request's events stored on their own, which
+    /// names the request at fault.
+    bool tryJobs(std::vector<Job*>& jobs, std::int64_t now, bool groupInsert, bool& transient, Job*& culprit,
+                 bool& groupInsertFailed, std::string& error);
     /// Records the devices the group's events came from (PostgreSQL).
     bool touchDevices(std::int64_t now, std::string& error);
     /// Today's and tomorrow's partitions, and the retention, once a day.
@@ -130,6 +137,10 @@ private:
     /// Stores the events that are not there yet; `fresh` tells which were stored.
     bool insertEvents(const std::vector<EventRecord>& events, std::int64_t now, std::vector<bool>& fresh,
                       std::string& error);
+    /// PostgreSQL: stores `events` (of one or several requests) that are not there
+    /// yet, in one statement per 64; `fresh` tells which were stored.
+    bool insertEventsPostgres(const std::vector<const EventRecord*>& events, std::int64_t now,
+                              std::vector<bool>& fresh, std::string& error);
     bool registerDeviceNow(const MidRequest& request, std::int64_t now, MidOutcome& outcome, std::string& error);
 
     StoreSettings settings_;
@@ -144,7 +155,6 @@ private:
 
     std::mutex mutex_;
     std::condition_variable workReady_;  // the writer waits here for jobs
-    std::condition_variable jobsDone_;   // submitters wait here for their commit
     std::deque<Job*> pending_;           // guarded by mutex_
     bool closing_ = false;               // guarded by mutex_
     std::thread writer_;

@@ -134,8 +134,18 @@ private:
             types.push_back(oid);
             signature += kind == Kind::Integer ? 'i' : kind == Kind::Text ? 't' : kind == Kind::Real ? 'r' : 'u';
         }
-        const std::string name = db_.preparedName(sql_, signature, types);
-        if (name.empty()) return;
+        // The name is looked up by the whole text once per kind of binding and
+        // session, and kept here for the runs after.
+        if (signature != preparedSignature_ || db_.session() != preparedSession_) {
+            preparedName_ = db_.preparedName(sql_, signature, types);
+            if (preparedName_.empty()) {
+                preparedSignature_.clear();
+                return;
+            }
+            preparedSignature_ = signature;
+            preparedSession_ = db_.session();
+        }
+        const std::string& name = preparedName_;
         std::vector<const char*> values;
         values.reserve(values_.size());
         for (const auto& value : values_) values.push_back(value ? value->c_str() : nullptr);
@@ -149,6 +159,9 @@ private:
     std::vector<bool> used_;  // per parameter: whether the text refers to it
     std::vector<std::optional<std::string>> values_;
     std::vector<Kind> kinds_;
+    std::string preparedSignature_;  // the binding kinds preparedName_ is for
+    std::string preparedName_;
+    std::uint64_t preparedSession_ = 0;
     PGresult* result_ = nullptr;
     bool executed_ = false;
     bool ok_ = false;
@@ -187,15 +200,25 @@ std::unique_ptr<PostgresDatabase> PostgresDatabase::open(const std::string& url,
 bool PostgresDatabase::setUp(std::string& error) {
     // Times are whole seconds computed by the collector; the server's zone and
     // messages' language must not change what it stores or says.
-    return exec("SET client_encoding = 'UTF8'", error) && exec("SET TimeZone = 'UTC'", error) &&
-           exec("SET client_min_messages = warning", error) &&
-           (mode_ != Mode::ReadOnly || exec("SET SESSION CHARACTERISTICS AS TRANSACTION READ ONLY", error));
+    const bool ok = exec("SET client_encoding = 'UTF8'", error) && exec("SET TimeZone = 'UTC'", error) &&
+                    exec("SET client_min_messages = warning", error) &&
+                    (mode_ != Mode::ReadOnly || exec("SET SESSION CHARACTERISTICS AS TRANSACTION READ ONLY", error));
+    if (ok && mode_ == Mode::ReadWrite) {
+        // A writer runs the same few statements over and over with new values:
+        // each is planned once for any values rather than anew at each of its first
+        // runs. Plans do not change results; a server without the setting plans as
+        // before.
+        std::string ignored;
+        exec("SET plan_cache_mode = force_generic_plan", ignored);
+    }
+    return ok;
 }
 
 bool PostgresDatabase::reconnect() {
     if (healthy()) return true;
     PQreset(conn_);
     prepared_.clear();  // a new session knows none of them
+    ++session_;
     std::string ignored;
     return healthy() && setUp(ignored);
 }

@@ -40,6 +40,9 @@ public:
     /// The server-side name of `sql` prepared with `types`; empty (and lastError())
     /// when it cannot be prepared.
     std::string preparedName(const std::string& sql, const std::string& signature, const std::vector<Oid>& types);
+    /// Counts the sessions of this connection: statements prepared in an earlier
+    /// one are gone.
+    std::uint64_t session() const { return session_; }
     /// Takes a finished command's outcome: its changed rows, or its error.
     bool noteResult(const PGresult* result);
 
@@ -55,6 +58,7 @@ private:
     std::string lastError_;
     std::string lastState_;  // SQLSTATE of the last failure
     std::int64_t changes_ = 0;
+    std::uint64_t session_ = 1;
 };
 
 }  // namespace zubcollector

@@ -56,6 +56,20 @@ std::optional<std::string> stringField(const zub::Value& object, const char* nam
     return it->get<std::string>();
 }
 
+// Writes `value` as compact JSON (no spaces, non-ASCII text as it is, invalid
+// UTF-8 replaced) at the end of `out`: the same bytes as its dump().
+void appendCompactJson(std::string& out, const zub::Value& value) {
+    nlohmann::detail::serializer<zub::Value> writer(nlohmann::detail::output_adapter<char, std::string>(out), ' ',
+                                                    zub::Value::error_handler_t::replace);
+    writer.dump(value, false, false, 0);
+}
+
+std::string compactJson(const zub::Value& value) {
+    std::string out;
+    appendCompactJson(out, value);
+    return out;
+}
+
 std::optional<std::int64_t> integerField(const zub::Value& object, const char* name) {
     const auto it = object.find(name);
     if (it == object.end()) return std::nullopt;
@@ -80,7 +94,7 @@ std::optional<std::int64_t> reportedVersion(const zub::Value& event, const char*
 
 }  // namespace
 
-EventRecord eventRecordOf(const zub::Value& event) {
+EventRecord eventRecordOf(zub::Value event) {
     EventRecord record;
     record.appKey = stringField(event, "ky");
     record.mid = stringField(event, "mid");
@@ -106,17 +120,23 @@ EventRecord eventRecordOf(const zub::Value& event) {
         // written anew at each sending. So are a session event's own keys, which
         // describe the device at the time of sending.
         if (record.type != 2) {
-            zub::Value own = zub::Value::object();
+            // The compact JSON of the object of the event's own keys, in their order,
+            // written key by key without building that object.
+            std::string own = "{";
             for (const auto& [name, value] : event.items()) {
-                if (!kEnvelopeKeys.contains(name)) own[name] = value;
+                if (kEnvelopeKeys.contains(name)) continue;
+                if (own.size() > 1) own += ',';
+                appendCompactJson(own, zub::Value(name));
+                own += ':';
+                appendCompactJson(own, value);
             }
-            identity.push_back(
-                ZUBProHelper::md5encrypt(own.dump(-1, ' ', false, zub::Value::error_handler_t::replace)).value_or(""));
+            own += '}';
+            identity.push_back(ZUBProHelper::md5encrypt(own).value_or(""));
         }
-        record.key = identity.dump(-1, ' ', false, zub::Value::error_handler_t::replace);
+        record.key = compactJson(identity);
     }
-    record.json = event.dump(-1, ' ', false, zub::Value::error_handler_t::replace);
-    record.object = event;
+    record.json = compactJson(event);
+    record.object = std::move(event);
     return record;
 }
 
@@ -165,7 +185,7 @@ ReportBatch decodeReport(zub::Data wire, std::string_view contentEncoding, std::
     batch.plainSize = plain->size();
     if (plain->empty()) return batch;
     const std::string_view text(reinterpret_cast<const char*>(plain->data()), plain->size());
-    const auto parsed = parseJson(text, limits, batch.error);
+    auto parsed = parseJson(text, limits, batch.error);
     if (!parsed) return batch;
     if (!parsed->is_array()) {
         batch.error = DecodeError{kRetBadShape, std::string("batch is a JSON ") + parsed->type_name() + ", not an array"};
@@ -173,14 +193,14 @@ ReportBatch decodeReport(zub::Data wire, std::string_view contentEncoding, std::
     }
     batch.events.reserve(parsed->size());
     for (std::size_t i = 0; i < parsed->size(); ++i) {
-        const zub::Value& event = (*parsed)[i];
+        zub::Value& event = (*parsed)[i];
         if (!event.is_object()) {
             batch.events.clear();
             batch.error = DecodeError{kRetBadShape, "batch item " + std::to_string(i) + " is a JSON " +
                                                         event.type_name() + ", not an object"};
             return batch;
         }
-        batch.events.push_back(eventRecordOf(event));
+        batch.events.push_back(eventRecordOf(std::move(event)));  // the parsed batch is not read again
     }
     return batch;
 }

@@ -59,8 +59,8 @@ struct EventRecord {
     zub::Value object;  // the same object, parsed (read by the dashboard's summaries)
 };
 
-/// The record of one event object of a batch.
-EventRecord eventRecordOf(const zub::Value& event);
+/// The record of one event object of a batch (which it keeps as `object`).
+EventRecord eventRecordOf(zub::Value event);
 
 struct ReportBatch {
     std::vector<EventRecord> events;
