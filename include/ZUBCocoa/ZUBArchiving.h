@@ -66,6 +66,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <typeindex>
 #include <typeinfo>
 #include <utility>
@@ -96,7 +97,7 @@ using ArchivableArray = std::vector<std::shared_ptr<Archivable>>;
 /// (std::map<std::string, std::shared_ptr<Event>>, unordered_map, ...).
 template <class M>
 concept ArchivableMap = requires(const M& m) {
-    { m.begin()->first } -> std::convertible_to<std::string>;
+    { m.begin()->first } -> std::convertible_to<std::string_view>;
     { &*m.begin()->second } -> std::convertible_to<const Archivable*>;
     static_cast<bool>(m.begin()->second);
 };

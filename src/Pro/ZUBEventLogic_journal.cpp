@@ -43,7 +43,7 @@ std::unordered_set<std::string> keysOfUnloadedLogfiles() {
         auto bytes = zub::AtomicFile::read(ZUBProStore::getInstance().getLogfilePath(name), &error);
         if (!bytes || bytes->empty()) continue;
         if (auto events = ZUBEventDal::decodeLogfile(*bytes)) {
-            for (const auto& [key, event] : *events) keys.insert(key);
+            for (const auto& [key, event] : *events) keys.emplace(key);
         }
     }
     return keys;
@@ -161,7 +161,7 @@ void ZUBEventLogic::journalFile(const EventPtr& event) {
             for (const auto& [key, held] : *dict) {
                 if (held->journalSeq() != 0 && droppedSeqs.count(held->journalSeq()) != 0) {
                     held->setJournalSeq(0);
-                    droppedKeys.push_back(key);
+                    droppedKeys.emplace_back(key);
                 }
             }
         }
@@ -236,7 +236,7 @@ void ZUBEventLogic::reconcileAfterLoad(const EventList& heldBefore) {
         for (const auto& [key, event] : *dict) {
             if (event->journalSeq() != 0) continue;
             std::optional<std::uint64_t> seq;
-            if (auto parked = parkedKeys_.find(key); parked != parkedKeys_.end()) {
+            if (auto parked = parkedKeys_.find(std::string(key)); parked != parkedKeys_.end()) {
                 seq = parked->second;
                 journal_->setPlace(*seq, ZUBEventJournal::Place::Memory);
                 parkedKeys_.erase(parked);

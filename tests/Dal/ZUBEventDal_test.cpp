@@ -51,8 +51,8 @@ std::vector<std::string> loadEvents() {
     store.retryEvents().clear();
     store.loadLogfile();
     std::vector<std::string> lines;
-    for (const auto& [key, event] : store.toReportEvents()) lines.push_back("w " + key);
-    for (const auto& [key, event] : store.retryEvents()) lines.push_back("r " + key);
+    for (const auto& [key, event] : store.toReportEvents()) lines.push_back("w " + std::string(key));
+    for (const auto& [key, event] : store.retryEvents()) lines.push_back("r " + std::string(key));
     return lines;
 }
 
@@ -131,4 +131,26 @@ TEST(ZUBEventDal, LoadReplacesAndHandlesEmptyAndDamagedFiles) {
     }
     EXPECT_TRUE(log.contains("Damaged event log"));
     EXPECT_FALSE(std::filesystem::exists(logPath(".toReportEvents.log")));
+}
+
+TEST(ZUBEventDal, ADictionaryEntryKeepsItsPlaceAndKeyWhenItsEventIsReplaced) {
+    // An entry reads its key from its event when the event's md5 is the key and
+    // keeps a copy otherwise; replacing the event may switch between the two.
+    ZUBEventDictionary events;
+    events.set("a", pageEvent("a"));
+    events.set("b", pageEvent("not-b"));
+    events.set("c", pageEvent("c"));
+    events.set("a", pageEvent("a2"));
+    events.set("b", pageEvent("b"));
+    events.set("c", pageEvent("c"));
+    ZUBEventDictionary copy = events;
+    ASSERT_TRUE(events.erase("b"));
+    EXPECT_FALSE(events.erase("b"));
+    std::vector<std::string> seen;
+    for (const ZUBEventDictionary* dict : {&events, &copy}) {
+        for (const auto& [key, event] : *dict) seen.push_back(std::string(key) + "=" + *event->md5());
+    }
+    EXPECT_EQ(seen, (std::vector<std::string>{"a=a2", "c=c", "a=a2", "b=b", "c=c"}));
+    EXPECT_EQ(*copy.get("b")->md5(), "b");
+    EXPECT_EQ(events.get("b"), nullptr);
 }

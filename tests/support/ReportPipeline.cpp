@@ -34,7 +34,7 @@ bool networkReachable() {
 namespace {
 std::vector<std::string> keysOf(const ZUBEventDictionary& events) {
     std::vector<std::string> keys;
-    for (const auto& [key, event] : events) keys.push_back(key);
+    for (const auto& [key, event] : events) keys.emplace_back(key);
     return keys;
 }
 }  // namespace
