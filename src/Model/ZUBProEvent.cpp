@@ -6,6 +6,7 @@
 #include "Model/ZUBProEnv.h"
 #include "Model/ZUBProUser.h"
 #include "Platform/Clock.h"
+#include "Platform/Random.h"
 #include "Platform/SystemLog.h"
 
 #include <charconv>
@@ -187,7 +188,7 @@ std::int32_t ZUBProEvent::generateIDX() {
 std::int32_t ZUBProEvent::getRandomNumber(std::int64_t from, std::int64_t to) {
     if (to < from) return static_cast<std::int32_t>(from);
     const std::uint64_t span = static_cast<std::uint64_t>(to - from) + 1;
-    const std::uint32_t random = arc4random();
+    const std::uint32_t random = zub::Random::uint32();
     return static_cast<std::int32_t>(from + static_cast<std::int64_t>(random % span));
 }
 

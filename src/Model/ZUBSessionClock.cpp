@@ -21,6 +21,11 @@ struct Generator {
     alignas(8) char state[128] = {};  // guarded by mutex
     random_data data = {};   // guarded by mutex
     bool ready = false;      // guarded by mutex
+    // Re-seeding runs hundreds of rounds of the generator, and every filed event
+    // asks for a value: the value of the last seed is kept, since a seed always
+    // gives the same first value.
+    std::uint64_t lastSeed = 0;      // guarded by mutex
+    std::int32_t lastValue = -1;     // guarded by mutex; -1: none yet
 };
 
 Generator& generator() {
@@ -50,9 +55,15 @@ std::uint64_t ZUBSessionClock::generateSessionID() {
             ::initstate_r(static_cast<unsigned>(seed), g.state, sizeof g.state, &g.data);
             g.ready = true;
         }
-        ::srandom_r(static_cast<unsigned>(seed), &g.data);
         gExpireDayTimestamp.store(nextLocalMidnight(seed));
-        ::random_r(&g.data, &value);
+        if (g.lastValue >= 0 && g.lastSeed == seed) {
+            value = g.lastValue;
+        } else {
+            ::srandom_r(static_cast<unsigned>(seed), &g.data);
+            ::random_r(&g.data, &value);
+            g.lastSeed = seed;
+            g.lastValue = value;
+        }
     }
     return static_cast<std::uint64_t>(value);
 }

@@ -19,7 +19,7 @@ BundleState& state() {
     return *s;
 }
 
-std::optional<std::string> executableName() {
+std::optional<std::string> readExecutableName() {
     char path[4096];
     const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
     if (n <= 0) return std::nullopt;
@@ -27,6 +27,13 @@ std::optional<std::string> executableName() {
     const auto slash = full.rfind('/');
     std::string name = slash == std::string::npos ? full : full.substr(slash + 1);
     if (name.empty()) return std::nullopt;
+    return name;
+}
+
+// A process keeps its executable for life (exec starts a new image), and the
+// name is asked for by every path under the application's directories: read once.
+const std::optional<std::string>& executableName() {
+    static const std::optional<std::string> name = readExecutableName();
     return name;
 }
 

@@ -2,8 +2,11 @@
 
 #include "Platform/Clock.h"
 
+#include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <mutex>
+#include <pthread.h>
 #include <random>
 #include <sys/random.h>
 #include <unistd.h>
@@ -36,9 +39,38 @@ void Random::fill(void* buffer, std::size_t size) {
     }
 }
 
+namespace {
+
+// Small values are handed out from a per-thread block of kernel randomness, as
+// the platform's arc4random does, instead of one system call each: every filed
+// and every sent event takes one. A fork gives the child a copy of the block, so
+// the child starts a new one (each block is used by one process only).
+std::atomic<unsigned> gForkGeneration{0};
+
+struct RandomBlock {
+    std::uint8_t bytes[256];
+    std::size_t used = sizeof bytes;
+    unsigned generation = 0;
+};
+
+}  // namespace
+
 std::uint32_t Random::uint32() {
+    static const bool watchingForks = [] {
+        return ::pthread_atfork(nullptr, nullptr, [] { gForkGeneration.fetch_add(1, std::memory_order_relaxed); }) == 0;
+    }();
+    (void)watchingForks;
+    thread_local RandomBlock block;
+    const unsigned generation = gForkGeneration.load(std::memory_order_relaxed);
+    if (block.used + sizeof(std::uint32_t) > sizeof block.bytes || block.generation != generation) {
+        fill(block.bytes, sizeof block.bytes);
+        block.used = 0;
+        block.generation = generation;
+    }
     std::uint32_t v = 0;
-    fill(&v, sizeof v);
+    std::memcpy(&v, block.bytes + block.used, sizeof v);
+    std::memset(block.bytes + block.used, 0, sizeof v);  // a value handed out is not kept
+    block.used += sizeof v;
     return v;
 }
 
