@@ -1,13 +1,10 @@
-// The collector's fault knobs, as the SDK's own tests use them, and its
-// behaviour under many clients at once.
+// The collector's fault knobs, as the SDK's own tests use them. (Many clients at
+// once: CollectorCluster_test.)
 #include "Common/Network/ZUBHttp.h"
 #include "support/CollectorProcess.h"
 
 #include <gtest/gtest.h>
 #include <httplib.h>
-
-#include <set>
-#include <thread>
 
 using zubtest::CollectorProcess;
 using zubtest::retOf;
@@ -28,8 +25,7 @@ const std::string kMidPath = "/?t=ios&ver=2.0";
 
 }  // namespace
 
-// Run on both stores: an SQLite file and a PostgreSQL database. (Many clients on
-// PostgreSQL, over two collectors: CollectorCluster_test.)
+// Run on both stores: an SQLite file and a PostgreSQL database.
 class CollectorStop : public zubtest::CollectorStoreTest {};
 ZUB_COLLECTOR_STORES(CollectorStop);
 
@@ -90,39 +86,4 @@ TEST_P(CollectorStop, HeldReportIsStoredAndAnIdleKeptAliveConnectionDoesNotHoldT
     EXPECT_NE(collector.output().find(R"({"event":"stopped","stored":3})"), std::string::npos) << collector.output();
     EXPECT_EQ(collector.storedEvents().size(), 3u);
     EXPECT_NE(collector.log().find("fault=delay2500ms"), std::string::npos);
-}
-
-TEST(CollectorConcurrency, ParallelClientsLoseNothingAndShareOneMidPerDevice) {
-    ZUB_REQUIRE_COLLECTOR();
-    CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
-    constexpr int kThreads = 8;
-    constexpr int kBatches = 20;
-    constexpr int kEvents = 10;
-    std::vector<int> failures(kThreads, 0);
-    std::vector<std::string> mids(kThreads);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            // Every thread registers the same new device at the same time.
-            const auto reply = collector.post(kMidPath, kNewDevice);
-            if (retOf(reply) == 0) mids[t] = (*reply)["mid"].get<std::string>();
-            for (int b = 0; b < kBatches; ++b) failures[t] += collector.report(batchOf((t * kBatches + b) * kEvents, kEvents)) != 0;
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    for (int t = 0; t < kThreads; ++t) {
-        EXPECT_EQ(failures[t], 0) << "thread " << t;
-        EXPECT_FALSE(mids[t].empty());
-        EXPECT_EQ(mids[t], mids[0]);
-    }
-    EXPECT_EQ(collector.stats()["devicesRegistered"], 2);  // the shared device, and "mid-1" seen in events
-    const zub::Value rows = collector.storedEvents();
-    ASSERT_EQ(rows.size(), static_cast<std::size_t>(kThreads * kBatches * kEvents));
-    std::set<std::int64_t> indexes;
-    for (const auto& row : rows) indexes.insert(row["idx"].get<std::int64_t>());
-    EXPECT_EQ(indexes.size(), rows.size());
-    EXPECT_EQ(*indexes.begin(), 0);
-    EXPECT_EQ(*indexes.rbegin(), kThreads * kBatches * kEvents - 1);
-    EXPECT_EQ(collector.stop(), 0) << collector.log();
 }
