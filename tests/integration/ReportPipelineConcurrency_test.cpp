@@ -2,9 +2,6 @@
 // lifecycle: run under ThreadSanitizer as well. (First calls from many threads
 // and tracking alone have their own concurrency tests; this one turns the whole
 // lifecycle against real report cycles.)
-#include "Common/DeviceID/ZUBProMid.h"
-#include "Common/ZUBProConfig.h"
-#include "Dal/ZUBDeviceIDDal.h"
 #include "Platform/Clock.h"
 #include "Pro/ZUBEventLogic.h"
 #include "support/CollectorProcess.h"
@@ -62,14 +59,9 @@ TEST(ReportPipelineConcurrency, HostThreadsTrackWhileCyclesRunAndTheLifecycleTur
     if (!zubtest::networkReachable()) GTEST_SKIP() << "no default route: replies start no further cycles";
     CollectorProcess collector({"--quiet"});
     ASSERT_TRUE(collector.start()) << collector.failure();
-    ZUBProConfig::getInstance().setReportURL(collector.url("/mstat/report"));
-    ZUBProConfig::getInstance().setMidURL(collector.url("/?t=ios&ver=2.0"));
     zubtest::LogCapture quiet(false);  // the base event's "super encode" lines stay here
-    ZUBPro::setSmartReport(false);
     ZUBPro::setReportStrategy(1);
-    ZUBProMid::getInstance().reportMid();
-    ASSERT_TRUE(zubtest::settlePipeline());
-    ASSERT_FALSE(ZUBDeviceIDDal::getInstance().getMID().empty());
+    ASSERT_TRUE(zubtest::reportTo(collector.url("")));
     ZUBPro::startWithAppKey("app-threads");
 
     // Phase one: the threads track while the host turns the lifecycle. Saving and

@@ -3,7 +3,6 @@
 // where a test needs replies the collector never gives), with time moved by a
 // manual clock. Batch assembly and the reply and failure tables are unit tests
 // of the event logic; here each rule is seen once through the whole pipeline.
-#include "Common/DeviceID/ZUBProMid.h"
 #include "Common/ZUBProConfig.h"
 #include "Dal/ZUBDeviceIDDal.h"
 #include "Dal/ZUBEventDal.h"
@@ -71,13 +70,7 @@ protected:
     void up(std::vector<std::string> args = {}, bool registerFirst = true) {
         collector.emplace(std::move(args));
         ASSERT_TRUE(collector->start()) << collector->failure();
-        ZUBProConfig::getInstance().setReportURL(collector->url("/mstat/report"));
-        ZUBProConfig::getInstance().setMidURL(collector->url("/?t=ios&ver=2.0"));
-        ZUBPro::setSmartReport(false);
-        if (!registerFirst) return;
-        ZUBProMid::getInstance().reportMid();
-        ASSERT_TRUE(settlePipeline());
-        ASSERT_FALSE(ZUBDeviceIDDal::getInstance().getMID().empty());
+        ASSERT_TRUE(zubtest::reportTo(collector->url(""), registerFirst));
     }
 
     // Moves the clock, runs one report cycle and whatever its replies start.
@@ -315,12 +308,8 @@ TEST(ReportPipelineWire, AReplyThatIsNotADictionaryResendsTheSameBatch) {
         return ++reports == 1 ? "[1]" : R"({"ret":0})";
     });
     server.start();
-    ZUBProConfig::getInstance().setReportURL(server.url("/mstat/report"));
-    ZUBProConfig::getInstance().setMidURL(server.url("/?t=ios&ver=2.0"));
     zubtest::ManualClock clock;
-    ZUBPro::setSmartReport(false);
-    ZUBProMid::getInstance().reportMid();
-    ASSERT_TRUE(settlePipeline());
+    ASSERT_TRUE(zubtest::reportTo(server.url("")));
     LogCapture log;
 
     ZUBPro::startWithAppKey("app-array");
