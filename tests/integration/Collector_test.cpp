@@ -6,6 +6,7 @@
 #include "support/PostgresServer.h"
 #include "support/TempHome.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 
@@ -17,6 +18,7 @@
 #include <regex>
 #include <set>
 
+using testing::HasSubstr;
 using zubtest::CollectorProcess;
 
 namespace {
@@ -116,8 +118,7 @@ TEST_P(CollectorReport, StoresEachEventOnceAsSentAndKeepsItAcrossRestartsForTheK
 
         EXPECT_EQ(collector.stop(), 0) << collector.log();
         // Every event of an acknowledged batch counts as stored, those sent before included.
-        EXPECT_NE(collector.output().find(R"({"event":"stopped","stored":20})"), std::string::npos)
-            << collector.output();
+        EXPECT_THAT(collector.output(), HasSubstr(R"({"event":"stopped","stored":20})"));
         const std::string log = collector.log();
         for (const char* line : {"POST /mstat/report 200 enc=rc4 bytes=", "enc=rc4,gzip", "events=10 ret=0",
                                  "received SIGTERM, stopping"}) {
@@ -354,9 +355,7 @@ TEST(CollectorDatabase, RefusesWhatItCannotServeQueriesOnlyReadOlderSchemasMigra
     const std::string port = std::to_string(collector.port());
     CollectorProcess second({"--port", port});
     EXPECT_FALSE(second.start());
-    EXPECT_NE(second.failure().find("cannot listen on 127.0.0.1:" + port + ": address already in use"),
-              std::string::npos)
-        << second.failure();
+    EXPECT_THAT(second.failure(), HasSubstr("cannot listen on 127.0.0.1:" + port + ": address already in use"));
     EXPECT_NE(second.failure().find("exit code 1"), std::string::npos) << second.failure();
     EXPECT_FALSE(fs::exists(second.db()));
     // The first one still takes what is sent to the port.
@@ -385,16 +384,14 @@ TEST(CollectorDatabase, RefusesWhatItCannotServeQueriesOnlyReadOlderSchemasMigra
     const fs::path notADirectory = db.parent_path() / "collector.log";
     CollectorProcess misplaced({}, notADirectory / "x.db");
     EXPECT_FALSE(misplaced.start());
-    EXPECT_NE(misplaced.failure().find("cannot open database " + (notADirectory / "x.db").string() + ": not a directory"),
-              std::string::npos)
-        << misplaced.failure();
+    EXPECT_THAT(misplaced.failure(),
+                HasSubstr("cannot open database " + (notADirectory / "x.db").string() + ": not a directory"));
     if (::geteuid() != 0) {
         const fs::path locked = zubtest::TempHome::makeDir("locked");
         fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec);
         CollectorProcess denied({}, locked / "x.db");
         EXPECT_FALSE(denied.start());
-        EXPECT_NE(denied.failure().find("x.db: permission denied (cannot create files in "), std::string::npos)
-            << denied.failure();
+        EXPECT_THAT(denied.failure(), HasSubstr("x.db: permission denied (cannot create files in "));
     }
 
     // Back to version 1, as an older collector left it: the start migrates it.
@@ -427,8 +424,7 @@ TEST(CollectorDatabase, RefusesWhatItCannotServeQueriesOnlyReadOlderSchemasMigra
     ASSERT_TRUE(sqlite(db, "UPDATE schema_version SET version = 99"));
     CollectorProcess newer({}, db);
     EXPECT_FALSE(newer.start());
-    EXPECT_NE(newer.failure().find("database schema version 99 is newer than this collector's (4)"), std::string::npos)
-        << newer.failure();
+    EXPECT_THAT(newer.failure(), HasSubstr("database schema version 99 is newer than this collector's (4)"));
     const auto listed = CollectorProcess::run({"events", "--db", db.string(), "--json"});
     EXPECT_EQ(listed.exitCode, 1);
     EXPECT_NE(listed.err.find("newer than this collector's"), std::string::npos) << listed.err;
