@@ -12,6 +12,7 @@
 #include "support/CollectorProcess.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
+#include "support/ModelFixtures.h"
 #include "support/ReportPipeline.h"
 #include "support/TempHome.h"
 
@@ -115,42 +116,25 @@ TEST_F(ReportPipeline, StartRegistersTheDeviceAndOpensASessionThatArrivesWithIts
     const zub::Value rows = collector->storedEvents();
     ASSERT_EQ(rows.size(), 1u) << collector->failure();
     const zub::Value& e = rows[0]["event"];
-    EXPECT_EQ(e["et"], 2);
-    EXPECT_EQ(e["ky"], "app-pipe");
-    EXPECT_EQ(e["mid"], mid);
-    EXPECT_EQ(e["m5"], waiting[0]);
-    EXPECT_EQ(e["si"], ZUBPro::getSessionID(false));
-    EXPECT_EQ(e["ts"], 1'700'000'000);
-    EXPECT_FALSE(e.contains("sv"));  // carried inside "ev" for a session event
-    EXPECT_EQ(e["cfg"], zub::Value::parse(R"({"1":{"v":0},"2":{"v":0}})"));
+    // "sv" is carried inside "ev" for a session event.
+    zubtest::expectKeys(e, {{"et", 2}, {"ky", "app-pipe"}, {"mid", mid}, {"m5", waiting[0]}, {"si", ZUBPro::getSessionID(false)},
+                            {"ts", 1'700'000'000}, {"cfg", {{"1", {{"v", 0}}}, {"2", {{"v", 0}}}}}}, {"sv"});
 
     // "ev": each key present exactly when the environment has its value, in order.
     ZUBProEnv& env = ZUBProEnv::getInstance();
     const std::pair<const char*, bool> keys[] = {
-        {"pl", env.platform().has_value()},
-        {"tz", env.timezone().has_value()},
-        {"ov", env.os_version().has_value()},
+        {"pl", env.platform().has_value()}, {"tz", env.timezone().has_value()}, {"ov", env.os_version().has_value()},
         {"av", env.app_version().has_value() || ZUBProConfig::getInstance().customAppVersion().has_value()},
-        {"os", true},
-        {"sv", env.sdk_version().has_value()},
-        {"lg", env.language().has_value()},
-        {"sr", env.resolution().has_value()},
-        {"op", true},
-        {"md", env.devicename().has_value()},
-        {"mf", env.modulename().has_value()},
-        {"wf", env.wf().has_value()},
-        {"ch", true},  // the default channel
-        {"cn", true},
-    };
+        {"os", true}, {"sv", env.sdk_version().has_value()}, {"lg", env.language().has_value()},
+        {"sr", env.resolution().has_value()}, {"op", true}, {"md", env.devicename().has_value()},
+        {"mf", env.modulename().has_value()}, {"wf", env.wf().has_value()}, {"ch", true} /* the default channel */, {"cn", true}};
     std::vector<std::string> expected, got;
     for (const auto& [key, present] : keys) {
         if (present) expected.push_back(key);
     }
     for (const auto& [key, value] : e["ev"].items()) got.push_back(key);
     EXPECT_EQ(got, expected);
-    EXPECT_EQ(e["ev"]["os"], 2);
-    EXPECT_EQ(e["ev"]["op"], "");
-    EXPECT_EQ(e["ev"]["ch"], "Mac App Developer");
+    zubtest::expectKeys(e["ev"], {{"os", 2}, {"op", ""}, {"ch", "Mac App Developer"}});
     EXPECT_TRUE(waitingKeys().empty());
 
     // Under the default strategy events wait for the next activation or start:
