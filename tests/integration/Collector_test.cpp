@@ -250,15 +250,11 @@ TEST_P(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
     auto add = [&](std::int64_t type, const zub::Value& more) {
         batch.push_back(event("app-A", "mid-1", type, 2, ts++, idx++, more));
     };
-    add(2, {{"si", 1}});
-    add(2, zub::Value::object());
-    for (const auto& [page, du] : std::vector<std::pair<std::string, int>>{{"home", 4}, {"home", 6}, {"cart", 2}}) {
-        add(1, {{"pi", page}, {"du", du}});
-    }
-    add(1000, {{"ei", "buy"}, {"du", 5}});
-    add(1000, {{"ei", "buy"}});
-    add(1000, {{"ei", "buy"}});
-    add(1000, {{"ei", "share"}});
+    const std::pair<std::int64_t, zub::Value> first[] = {
+        {2, {{"si", 1}}}, {2, zub::Value::object()}, {1, {{"pi", "home"}, {"du", 4}}}, {1, {{"pi", "home"}, {"du", 6}}},
+        {1, {{"pi", "cart"}, {"du", 2}}}, {1000, {{"ei", "buy"}, {"du", 5}}}, {1000, {{"ei", "buy"}}},
+        {1000, {{"ei", "buy"}}}, {1000, {{"ei", "share"}}}};
+    for (const auto& [type, more] : first) add(type, more);
     ASSERT_EQ(collector.report(batch), 0);
     ASSERT_EQ(collector.report(zub::Value::array({event("app-B", "mid-2", 4, 1, ts++, idx++)})), 0);
 
@@ -311,17 +307,16 @@ TEST_P(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
     EXPECT_EQ(table.out.find("event time"), std::string::npos) << table.out;
 
     // Custom events ended by a timer arrive with type 0 and count by their
-    // identifier; the library's reports of dropped events count apart.
+    // identifier; the library's reports of dropped events count apart. A custom
+    // event without identifier still counts; type 4 is not a custom event. The
+    // jailbreak sign ("jb") is set on every Debian machine: no finding to report.
     batch = zub::Value::array();
-    add(1000, {{"ei", "play"}});
-    add(0, {{"ei", "play"}, {"du", 10}});
-    add(0, {{"ei", "play"}, {"du", 20}});
-    add(0, {{"ei", "load"}, {"du", 4}});
-    add(1000, zub::Value::object());  // a custom event without identifier still counts
-    add(4, zub::Value::object());     // neither: not a custom event
-    add(1000, {{"ei", "zub_dropped_events"}, {"kv", {{"count", 3}}}});
-    add(1000, {{"ei", "zub_dropped_events"}, {"kv", {{"count", 4}}}});
-    add(2, {{"jb", 1}});  // the jailbreak sign is set on every Debian machine: no finding to report
+    const std::pair<std::int64_t, zub::Value> timers[] = {
+        {1000, {{"ei", "play"}}}, {0, {{"ei", "play"}, {"du", 10}}}, {0, {{"ei", "play"}, {"du", 20}}},
+        {0, {{"ei", "load"}, {"du", 4}}}, {1000, zub::Value::object()}, {4, zub::Value::object()},
+        {1000, {{"ei", "zub_dropped_events"}, {"kv", {{"count", 3}}}}},
+        {1000, {{"ei", "zub_dropped_events"}, {"kv", {{"count", 4}}}}}, {2, {{"jb", 1}}}};
+    for (const auto& [type, more] : timers) add(type, more);
     for (auto& e : batch) e["ky"] = "app-C";
     ASSERT_EQ(collector.report(batch), 0);
     stats = collector.stats({"--app", "app-C"});
