@@ -18,7 +18,6 @@
 #include <random>
 #include <sstream>
 
-using zubtest::CollectorProcess;
 using zubtest::postRaw;
 
 namespace {
@@ -84,9 +83,7 @@ class CollectorBadInput : public zubtest::CollectorStoreTest {};
 ZUB_COLLECTOR_STORES(CollectorBadInput);
 
 TEST_P(CollectorBadInput, EveryMalformedRequestGetsAClearErrorIsCountedAndStoredDataStays) {
-    ZUB_REQUIRE_COLLECTOR();
-    CollectorProcess collector({"--max-plain", "100000", "--max-body", "4000"});
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector, {"--max-plain", "100000", "--max-body", "4000"});
     // The Prometheus counters follow what the collector stored, refused and issued.
     const zub::Value e = {{"ky", "m-app"}, {"si", 1}, {"ts", 1700000000}, {"et", 4}, {"mid", "m-1"}, {"du", 1}};
     ASSERT_EQ(collector.report(zub::Value::array({e, e, e})), 0);

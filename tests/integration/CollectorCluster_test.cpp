@@ -78,14 +78,12 @@ TEST(CollectorIngest, AKilledCollectorOnSqliteKeepsEveryAcknowledgedEventAndStor
 }
 
 TEST(CollectorClusterConcurrency, TwoCollectorsStoreEachEventOnceGiveEachDeviceOneMidAndSurviveAKill) {
-    ZUB_REQUIRE_COLLECTOR();
     // Two collectors started on one new PostgreSQL database.
     std::string error;
     const std::string url = PostgresServer::newDatabase(error);
     ASSERT_FALSE(url.empty()) << error;
-    CollectorProcess first({}, url), second({}, url);
-    ASSERT_TRUE(first.start()) << first.failure();
-    ASSERT_TRUE(second.start()) << second.failure();
+    ZUB_START_COLLECTOR(first, {}, url);
+    ZUB_START_COLLECTOR(second, {}, url);
     CollectorProcess* collectors[] = {&first, &second};
     constexpr int kClients = 8;
     constexpr int kBatches = 15;
@@ -177,13 +175,11 @@ TEST(CollectorClusterConcurrency, TwoCollectorsStoreEachEventOnceGiveEachDeviceO
 }
 
 TEST(CollectorCluster, MigrateCopiesTheDemoDatabaseOnceWithTheSameStats) {
-    ZUB_REQUIRE_COLLECTOR();
 #ifndef ZUB_DEMO_PATH
     GTEST_SKIP() << "this build has no demo host";
 #endif
     // The demo host, as a person runs it, into an SQLite collector.
-    CollectorProcess single;
-    ASSERT_TRUE(single.start()) << single.failure();
+    ZUB_START_COLLECTOR(single);
     ASSERT_EQ(zubtest::runDemoHost(single.url(""), "migrate-app"), 0) << single.log();
     ASSERT_EQ(single.stop(), 0);
     const std::string file = single.db().string();
@@ -213,8 +209,7 @@ TEST(CollectorCluster, MigrateCopiesTheDemoDatabaseOnceWithTheSameStats) {
     EXPECT_NE(again.out.find("copied 0 events (0 already there)"), std::string::npos) << again.out;
     EXPECT_EQ(stats(url), expected);
     {
-        CollectorProcess reopened({}, file);
-        ASSERT_TRUE(reopened.start()) << reopened.failure();
+        ZUB_START_COLLECTOR(reopened, {}, file);
         ASSERT_EQ(zubtest::runDemoHost(reopened.url(""), "migrate-app-2"), 0) << reopened.log();
         ASSERT_EQ(reopened.stop(), 0);
     }
@@ -224,8 +219,7 @@ TEST(CollectorCluster, MigrateCopiesTheDemoDatabaseOnceWithTheSameStats) {
     EXPECT_EQ(stats(url), grown);
 
     // A collector on the copy serves its dashboard from the summaries the copy made.
-    CollectorProcess onCopy({}, url);
-    ASSERT_TRUE(onCopy.start()) << onCopy.failure();
+    ZUB_START_COLLECTOR(onCopy, {}, url);
     const auto summarised = PostgresServer::query(url, "SELECT SUM(events) FROM app_devices", error);
     const auto stored = PostgresServer::query(url, "SELECT COUNT(*) FROM events WHERE mid IS NOT NULL", error);
     ASSERT_TRUE(summarised && stored) << error;

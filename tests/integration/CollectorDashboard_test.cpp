@@ -48,9 +48,7 @@ class CollectorDashboardApi : public zubtest::CollectorStoreTest {};
 ZUB_COLLECTOR_STORES(CollectorDashboardApi);
 
 TEST_P(CollectorDashboardApi, AnswersFromTheSummariesAndRefusesBadInputInJson) {
-    ZUB_REQUIRE_COLLECTOR();
-    CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector);
     const std::int64_t now =
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count();
     // One session: three views of "A" (2, 4 and 10 s, reached from "Home"), two
@@ -138,8 +136,7 @@ TEST(CollectorDashboardAccess, BeyondLoopbackOnlyWithTheTokenAndNeverOnTheReport
     EXPECT_NE(shared.err.find("cannot share the report port"), std::string::npos) << shared.err;
 
     const std::string token = "api-test-token-abcdef";
-    CollectorProcess collector({"--dashboard", "0.0.0.0:0", "--dashboard-token", token});
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector, {"--dashboard", "0.0.0.0:0", "--dashboard-token", token});
     const std::string base = collector.dashboardUrl("");
     for (const std::string path : {"/api/v1/apps", "/metrics", "/"}) {
         EXPECT_EQ(get(base, path).status, 401) << path;
@@ -194,10 +191,8 @@ return counts;
 }  // namespace
 
 TEST(CollectorDashboard, EveryViewDrawsWhatTheDemoHostSentAndFollowsTheFilters) {
-    ZUB_REQUIRE_COLLECTOR();
     if (const auto why = Browser::missing()) GTEST_SKIP() << *why;
-    CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector);
     ASSERT_EQ(zubtest::runDemoHost(collector.url(""), "dash-alpha"), 0) << collector.log();
     ASSERT_EQ(zubtest::runDemoHost(collector.url(""), "dash-beta"), 0) << collector.log();
     Browser browser;

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
-using zubtest::CollectorProcess;
 using zubtest::retOf;
 
 namespace {
@@ -30,12 +29,10 @@ class CollectorStop : public zubtest::CollectorStoreTest {};
 ZUB_COLLECTOR_STORES(CollectorStop);
 
 TEST(CollectorFaults, KnobsAnswerAsToldForTheGivenNumberOfRequests) {
-    ZUB_REQUIRE_COLLECTOR();
     {
         // A ret answered without storing, for two reports; identifier requests are
         // outside the fault's path and are not counted.
-        CollectorProcess collector({"--fault-ret", "7", "--fault-count", "2", "--fault-path", "report"});
-        ASSERT_TRUE(collector.start()) << collector.failure();
+        ZUB_START_COLLECTOR(collector, {"--fault-ret", "7", "--fault-count", "2", "--fault-path", "report"});
         EXPECT_EQ(collector.post("/mstat/report", batchOf(0, 2)), zub::Value::parse(R"({"ret":7})"));
         EXPECT_EQ(retOf(collector.post(kMidPath, kNewDevice)), 0);
         EXPECT_EQ(collector.report(batchOf(2, 2)), 7);
@@ -47,16 +44,14 @@ TEST(CollectorFaults, KnobsAnswerAsToldForTheGivenNumberOfRequests) {
     }
     {
         // An HTTP status: only 200 is an answer for the library.
-        CollectorProcess collector({"--fault-status", "503"});
-        ASSERT_TRUE(collector.start()) << collector.failure();
+        ZUB_START_COLLECTOR(collector, {"--fault-status", "503"});
         EXPECT_FALSE(collector.post("/mstat/report", batchOf(0, 2)).has_value());
         EXPECT_EQ(zubtest::postRaw(collector.port(), kMidPath, {}, "rc4", "").status, 503);
         EXPECT_EQ(collector.storedEvents().size(), 0u);
         EXPECT_EQ(collector.stats()["devicesRegistered"], 0);
     }
     // A cut connection: a connection-level failure for the library, once.
-    CollectorProcess collector({"--fault-drop", "--fault-count", "1"});
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector, {"--fault-drop", "--fault-count", "1"});
     const auto dropped = collector.post("/mstat/report", batchOf(0, 2));
     ASSERT_TRUE(dropped.has_value());
     EXPECT_TRUE(dropped->contains(responseErrorKey)) << dropped->dump();
@@ -66,9 +61,7 @@ TEST(CollectorFaults, KnobsAnswerAsToldForTheGivenNumberOfRequests) {
 }
 
 TEST_P(CollectorStop, HeldReportIsStoredAndAnIdleKeptAliveConnectionDoesNotHoldTheStop) {
-    ZUB_REQUIRE_COLLECTOR();
-    CollectorProcess collector({"--fault-delay-ms", "2500", "--keep-alive", "3600"});
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector, {"--fault-delay-ms", "2500", "--keep-alive", "3600"});
     // A client whose connection stays open after one answer, then idle: the stop
     // must not wait out the hour of keep-alive (the helper kills after 60 s: -1).
     httplib::Client idle("127.0.0.1", collector.port());

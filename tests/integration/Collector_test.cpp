@@ -62,12 +62,10 @@ ZUB_COLLECTOR_STORES(CollectorMid);
 ZUB_COLLECTOR_STORES(CollectorQuery);
 
 TEST_P(CollectorReport, StoresEachEventOnceAsSentAndKeepsItAcrossRestartsForTheKeptDays) {
-    ZUB_REQUIRE_COLLECTOR();
     std::filesystem::path db;
     zub::Value sent = zub::Value::array();
     {
-        CollectorProcess collector;
-        ASSERT_TRUE(collector.start()) << collector.failure();
+        ZUB_START_COLLECTOR(collector);
         db = collector.db();
         // The library sends its index as a signed 32-bit number: indexes above
         // 2147483647 arrive negative, and are kept and shown as they arrived.
@@ -138,8 +136,7 @@ TEST_P(CollectorReport, StoresEachEventOnceAsSentAndKeepsItAcrossRestartsForTheK
     } else {
         ASSERT_TRUE(sqlite(db, age)) << "the sqlite3 shell is needed (scripts/deps installs it)";
     }
-    CollectorProcess restarted({"--retention-days", "3"}, db);
-    ASSERT_TRUE(restarted.start()) << restarted.failure();
+    ZUB_START_COLLECTOR(restarted, {"--retention-days", "3"}, db);
     zub::Value rows = restarted.storedEvents();
     ASSERT_EQ(rows.size(), 15u);
     EXPECT_EQ(rows[0]["idx"], 101);
@@ -153,7 +150,6 @@ TEST_P(CollectorReport, StoresEachEventOnceAsSentAndKeepsItAcrossRestartsForTheK
 }
 
 TEST_P(CollectorMid, OneStableMidPerDeviceNoneForPlaceholdersAndEachConfigurationBlockOnce) {
-    ZUB_REQUIRE_COLLECTOR();
     const std::string ui = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa1";
     const std::string ioa = "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb1";
     // What every machine sends when it has no "en0" interface (the SHA-1 of no
@@ -167,8 +163,7 @@ TEST_P(CollectorMid, OneStableMidPerDeviceNoneForPlaceholdersAndEachConfiguratio
     std::string mid;
     std::filesystem::path db;
     {
-        CollectorProcess collector({"--config", configPath.string()});
-        ASSERT_TRUE(collector.start()) << collector.failure();
+        ZUB_START_COLLECTOR(collector, {"--config", configPath.string()});
         db = collector.db();
         auto midFor = [&](const std::string& ifv, const std::string& ioaSent, const std::string& uiSent,
                           const std::string& midSent = "") {
@@ -233,15 +228,12 @@ TEST_P(CollectorMid, OneStableMidPerDeviceNoneForPlaceholdersAndEachConfiguratio
         EXPECT_NE(collector.log().find("cfg=1,2"), std::string::npos);
     }
     // The mid is stable across restarts of the collector.
-    CollectorProcess again({}, db);
-    ASSERT_TRUE(again.start()) << again.failure();
+    ZUB_START_COLLECTOR(again, {}, db);
     EXPECT_EQ(again.post("/?t=ios&ver=2.0", midRequest("IFV-1", ioa, ui, "")), zub::Value({{"ret", 0}, {"mid", mid}}));
 }
 
 TEST_P(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
-    ZUB_REQUIRE_COLLECTOR();
-    CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector);
     const std::string db = collector.db().string();
     zub::Value batch = zub::Value::array();
     std::int64_t ts = 1700000000;
@@ -340,10 +332,8 @@ TEST_P(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
 }
 
 TEST(CollectorDatabase, RefusesWhatItCannotServeQueriesOnlyReadOlderSchemasMigrateNewerAreLeftAlone) {
-    ZUB_REQUIRE_COLLECTOR();
     namespace fs = std::filesystem;
-    CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector);
     // A port in use: the later --port takes the place of the helper's "--port 0";
     // refused before its database was touched.
     const std::string port = std::to_string(collector.port());
@@ -400,8 +390,7 @@ TEST(CollectorDatabase, RefusesWhatItCannotServeQueriesOnlyReadOlderSchemasMigra
     const auto configPath = zubtest::TempHome::makeDir("schema-cfg") / "online.json";
     std::ofstream(configPath) << R"({"app": {"v": 4, "c": {"k": "v"}}})";
     {
-        CollectorProcess migrated({"--config", configPath.string()}, db);
-        ASSERT_TRUE(migrated.start()) << migrated.failure();
+        ZUB_START_COLLECTOR(migrated, {"--config", configPath.string()}, db);
         EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "4\n");
         EXPECT_EQ(migrated.storedEvents().size(), 1u);
         // The event stored before the dashboard's summaries existed is in them.

@@ -104,9 +104,7 @@ TEST(EventJournal, MemoryHoldsALimitedNumberAFullBudgetDropsTheOldestAndTheColle
 }
 
 TEST(EventJournal, AKillWhileTrackingLosesNothingFiledAndNothingArrivesTwice) {
-    if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector";
-    CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector);
     const char* env = std::getenv("ZUB_KILL_ROUNDS");
     const int rounds = env != nullptr ? std::atoi(env) : 6;
     const unsigned seed = std::random_device{}();
@@ -150,8 +148,7 @@ TEST(EventJournal, EventsPendingAtTerminateWithTheCollectorDownAllArriveAtTheNex
     if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector";
     const char* env = std::getenv("ZUB_TERMINATE_EVENTS");
     const long events = env != nullptr ? std::atol(env) : 1500;
-    CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector);
     {
         // Nobody listens on the collector's port yet: a second collector is not
         // started, and port 1 on loopback refuses.

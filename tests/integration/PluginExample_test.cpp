@@ -21,13 +21,10 @@
 
 using searchplugin::SearchEvent;
 using searchplugin::SearchPlugin;
-using zubtest::CollectorProcess;
 using namespace std::chrono_literals;
 
 TEST(PluginExampleEndToEnd, WaitsForTheStartThenReportsItsSearches) {
-    if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector";
-    CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector);
     ZUBProConfig::getInstance().setReportURL(collector.url("/mstat/report"));
     ZUBProConfig::getInstance().setMidURL(collector.url("/?t=ios&ver=2.0"));
     ZUBPro::setReportStrategy(1);

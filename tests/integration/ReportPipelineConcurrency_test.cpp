@@ -17,8 +17,6 @@
 #include <set>
 #include <thread>
 
-using zubtest::CollectorProcess;
-
 namespace {
 
 using Events = std::vector<std::shared_ptr<ZUBProEvent>>;
@@ -55,10 +53,8 @@ std::set<std::string> keysOf(const Events& events) {
 }  // namespace
 
 TEST(ReportPipelineConcurrency, HostThreadsTrackWhileCyclesRunAndTheLifecycleTurns) {
-    if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector";
     if (!zubtest::networkReachable()) GTEST_SKIP() << "no default route: replies start no further cycles";
-    CollectorProcess collector({"--quiet"});
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector, {"--quiet"});
     zubtest::LogCapture quiet(false);  // the base event's "super encode" lines stay here
     ZUBPro::setReportStrategy(1);
     ASSERT_TRUE(zubtest::reportTo(collector.url("")));

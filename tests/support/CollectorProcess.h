@@ -33,6 +33,13 @@
 #define ZUB_REQUIRE_COLLECTOR() \
     if (!zubtest::CollectorProcess::available()) GTEST_SKIP() << "this build has no collector"
 
+/// Skips the test without a collector; else `zubtest::CollectorProcess name{args}`,
+/// started, or the test fails with why.
+#define ZUB_START_COLLECTOR(name, ...)            \
+    ZUB_REQUIRE_COLLECTOR();                      \
+    zubtest::CollectorProcess name{__VA_ARGS__}; \
+    ASSERT_TRUE(name.start()) << name.failure()
+
 namespace zubtest {
 
 struct CommandResult {
