@@ -47,16 +47,6 @@ private:
     std::size_t length_;
 };
 
-std::size_t countOf(const std::string& text, const std::string& what) {
-    std::size_t n = 0;
-    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
-}
-
-std::string unusedURL(const std::string& path) {
-    return "http://127.0.0.1:" + std::to_string(zubtest::freeLoopbackPort()) + path;
-}
-
 }  // namespace
 
 class ReportPipeline : public ::testing::Test {
@@ -88,7 +78,13 @@ protected:
         ZUBPro::trackCustomEvent(id, kv);
     }
 
-    std::size_t posts(const std::string& what) { return countOf(collector->log(), what); }
+    // How often the collector's log holds `what`.
+    std::size_t posts(const std::string& what) {
+        const std::string log = collector->log();
+        std::size_t n = 0;
+        for (std::size_t at = log.find(what); at != std::string::npos; at = log.find(what, at + 1)) ++n;
+        return n;
+    }
 
     zubtest::ManualClock clock;
     std::optional<CollectorProcess> collector;
@@ -229,7 +225,7 @@ TEST_F(ReportPipeline, OnlyRefusalsCountAttemptsAndEveryFailureWaitsTheVacuumTim
 
     // Nobody listens ("cannot connect", a network failure), more times than any
     // limit: no attempt counts and the events stay where they were.
-    ZUBProConfig::getInstance().setReportURL(unusedURL("/mstat/report"));
+    ZUBProConfig::getInstance().setReportURL("http://127.0.0.1:" + std::to_string(zubtest::freeLoopbackPort()) + "/mstat/report");
     for (int attempt = 1; attempt <= 11; ++attempt) {
         ASSERT_NO_FATAL_FAILURE(cycle(61));
         ASSERT_EQ(waitingKeys(), filed) << attempt;
