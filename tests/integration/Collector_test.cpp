@@ -118,7 +118,6 @@ std::string exchangeOnSocket(int port, const std::string& request) {
     return reply;
 }
 
-const zub::Value kNewDevice = {{"et", 5}, {"ver", 1}, {"ifv", "IFV-SHARED"}, {"mid", ""}};
 const std::string kMidPath = "/?t=ios&ver=2.0";
 
 }  // namespace
@@ -241,7 +240,7 @@ TEST_P(CollectorMid, OneStableMidPerDeviceNoneForPlaceholdersAndEachConfiguratio
         db = collector.db();
         auto midFor = [&](const std::string& ifv, const std::string& ioaSent, const std::string& uiSent,
                           const std::string& midSent = "") {
-            const auto reply = collector.post("/?t=ios&ver=2.0", midRequest(ifv, ioaSent, uiSent, midSent));
+            const auto reply = collector.post(kMidPath, midRequest(ifv, ioaSent, uiSent, midSent));
             return zubtest::retOf(reply) == 0 && reply->contains("mid") ? (*reply)["mid"].get<std::string>()
                                                                          : "<no mid>";
         };
@@ -303,7 +302,7 @@ TEST_P(CollectorMid, OneStableMidPerDeviceNoneForPlaceholdersAndEachConfiguratio
     }
     // The mid is stable across restarts of the collector.
     ZUB_START_COLLECTOR(again, {}, db);
-    EXPECT_EQ(again.post("/?t=ios&ver=2.0", midRequest("IFV-1", ioa, ui, "")), zub::Value({{"ret", 0}, {"mid", mid}}));
+    EXPECT_EQ(again.post(kMidPath, midRequest("IFV-1", ioa, ui, "")), zub::Value({{"ret", 0}, {"mid", mid}}));
 }
 
 TEST_P(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
@@ -550,8 +549,8 @@ TEST_P(CollectorBadInput, EveryMalformedRequestGetsAClearErrorIsCountedAndStored
     EXPECT_EQ(postRaw(collector.port(), "/mstat/report", zub::Data(5000, 'x'), "rc4", "").status, 413);
     // A new device, then the same device again.
     const zub::Value device = {{"ifv", "IFV-M"}, {"ioa", ""}, {"ui", "0123456789abcdef0123456789abcdef01234567"}, {"mid", ""}};
-    ASSERT_EQ(zubtest::retOf(collector.post("/?t=ios&ver=2.0", device)), 0);
-    ASSERT_TRUE(collector.post("/?t=ios&ver=2.0", device));
+    ASSERT_EQ(zubtest::retOf(collector.post(kMidPath, device)), 0);
+    ASSERT_TRUE(collector.post(kMidPath, device));
 
     const std::string dashboard = collector.dashboardUrl("");
     const auto scrape = httplib::Client(dashboard).Get("/metrics");
@@ -599,7 +598,6 @@ TEST_P(CollectorBadInput, EveryMalformedRequestGetsAClearErrorIsCountedAndStored
         const char* message;
         std::string path = "/mstat/report";
     };
-    const std::string mid = "/?t=ios&ver=2.0";
     const Case cases[] = {
         {"wrong key, short form", rc4(bytes(R"([{"et":1}])"), otherKey), "rc4", 2, "not JSON"},
         {"wrong key, long form", rc4(longForm, otherKey), "rc4,gzip", 1, ""},
@@ -619,14 +617,13 @@ TEST_P(CollectorBadInput, EveryMalformedRequestGetsAClearErrorIsCountedAndStored
         {"unknown encoding", rc4(bytes(R"([{"et":1}])")), "gzip", 1, "unknown Content-Encoding"},
         {"no encoding", rc4(bytes(R"([{"et":1}])")), "", 1, "unknown Content-Encoding"},
         // Identifier requests that cannot be read register nothing.
-        {"identifiers not JSON", rc4(bytes("{\"ifv\":")), "rc4", 2, "", mid},
-        {"identifiers not an object", rc4(bytes(R"(["ifv","ioa"])")), "rc4", 3, "", mid},
-        {"no identifier", rc4(bytes(R"({"et":5,"ver":1,"mid":""})")), "rc4", 3, "", mid},
-        {"identifier not a string", rc4(bytes(R"({"ifv":5})")), "rc4", 3, "", mid},
-        {"identifier too long", rc4(bytes(R"({"ui":")" + std::string(300, 'u') + "\"}")), "rc4", 3, "", mid},
-        {"identifiers under another key", rc4(bytes(R"({"ifv":"A"})"), "ffffffffffffffffffffffffffffffff"), "rc4", 2,
-         "", mid},
-        {"no identifier request", {}, "rc4", 3, "", mid},
+        {"identifiers not JSON", rc4(bytes("{\"ifv\":")), "rc4", 2, "", kMidPath},
+        {"identifiers not an object", rc4(bytes(R"(["ifv","ioa"])")), "rc4", 3, "", kMidPath},
+        {"no identifier", rc4(bytes(R"({"et":5,"ver":1,"mid":""})")), "rc4", 3, "", kMidPath},
+        {"identifier not a string", rc4(bytes(R"({"ifv":5})")), "rc4", 3, "", kMidPath},
+        {"identifier too long", rc4(bytes(R"({"ui":")" + std::string(300, 'u') + "\"}")), "rc4", 3, "", kMidPath},
+        {"identifiers under another key", rc4(bytes(R"({"ifv":"A"})"), "ffffffffffffffffffffffffffffffff"), "rc4", 2, "", kMidPath},
+        {"no identifier request", {}, "rc4", 3, "", kMidPath},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -666,7 +663,7 @@ TEST_P(CollectorBadInput, EveryMalformedRequestGetsAClearErrorIsCountedAndStored
     // Nothing refused was stored, nothing stored was lost, and the collector goes on.
     EXPECT_EQ(collector.storedEvents().size(), 10u);
     EXPECT_EQ(collector.stats()["devicesRegistered"], devices);
-    EXPECT_EQ(zubtest::retOf(collector.post(mid, {{"et", 5}, {"ver", 1}, {"ifv", "A"}, {"mid", ""}})), 0);
+    EXPECT_EQ(zubtest::retOf(collector.post(kMidPath, {{"et", 5}, {"ver", 1}, {"ifv", "A"}, {"mid", ""}})), 0);
     EXPECT_EQ(collector.stats()["devicesRegistered"], devices.get<int>() + 1);
     EXPECT_EQ(collector.report(batchOf(200, 3)), 0);
     EXPECT_EQ(collector.storedEvents().size(), 13u);
@@ -685,7 +682,7 @@ TEST(CollectorFaults, KnobsAnswerAsToldForTheGivenNumberOfRequests) {
         // outside the fault's path and are not counted.
         ZUB_START_COLLECTOR(collector, {"--fault-ret", "7", "--fault-count", "2", "--fault-path", "report"});
         EXPECT_EQ(collector.post("/mstat/report", batchOf(0, 2)), zub::Value::parse(R"({"ret":7})"));
-        EXPECT_EQ(retOf(collector.post(kMidPath, kNewDevice)), 0);
+        EXPECT_EQ(retOf(collector.post(kMidPath, {{"et", 5}, {"ver", 1}, {"ifv", "IFV-SHARED"}, {"mid", ""}})), 0);
         EXPECT_EQ(collector.report(batchOf(2, 2)), 7);
         EXPECT_EQ(collector.report(batchOf(4, 2)), 0);
         const zub::Value rows = collector.storedEvents();
