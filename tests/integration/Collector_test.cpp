@@ -1,23 +1,39 @@
 // The collector as clients meet it: the real binary on a loopback port, fed with
-// request bodies that the library's transport builds, checked through its own
-// query commands.
+// request bodies that the library's transport builds (or malformed ones, which get
+// a clear error while the collector keeps running and keeps what it stored), with
+// its fault knobs as the SDK's own tests use them, checked through its own query
+// commands and Prometheus counters. (Many clients at once: CollectorCluster_test.)
+#include "Common/Network/ZUBHttp.h"
+#include "Common/ZUBProConfig.h"
 #include "Common/ZUBProHelper.h"
 #include "support/CollectorProcess.h"
+#include "support/ModelFixtures.h"
 #include "support/PostgresServer.h"
 #include "support/TempHome.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <ctime>
 #include <fstream>
 #include <iterator>
+#include <map>
+#include <random>
 #include <regex>
 #include <set>
+#include <sstream>
 
+using testing::HasSubstr;
 using zubtest::CollectorProcess;
+using zubtest::postRaw;
+using zubtest::retOf;
 
 namespace {
 
@@ -48,23 +64,81 @@ std::optional<std::string> sqlite(const std::filesystem::path& db, const std::st
     return ::pclose(pipe) == 0 ? std::optional<std::string>(out) : std::nullopt;
 }
 
+// `count` custom events of app-A, numbered (index and time) from `first`.
+zub::Value batchOf(int first, int count) {
+    zub::Value batch = zub::Value::array();
+    for (int i = first; i < first + count; ++i) {
+        batch.push_back(event("app-A", "mid-1", 1000, 3, 1700000000 + i, i, {{"ei", "e" + std::to_string(i)}}));
+    }
+    return batch;
+}
+
+std::string key() { return ZUBProConfig::getInstance().rc4Key().value_or(""); }
+
+zub::Data bytes(const std::string& text) { return zub::Data(text.begin(), text.end()); }
+
+zub::Data rc4(zub::Data data, const std::string& withKey = key()) {
+    ZUBProHelper::ChiperRC4(data.data(), data.size(), withKey);
+    return data;
+}
+
+// The long form before enciphering: declared length, then gzip of `plain`.
+zub::Data prefixedGzip(const zub::Data& plain, std::uint32_t declared) {
+    zub::Data gz;
+    EXPECT_EQ(ZUBProHelper::GZip(plain, &gz), 0);
+    zub::Data out{static_cast<std::uint8_t>(declared >> 24), static_cast<std::uint8_t>(declared >> 16),
+                  static_cast<std::uint8_t>(declared >> 8), static_cast<std::uint8_t>(declared)};
+    out.insert(out.end(), gz.begin(), gz.end());
+    return out;
+}
+
+// Sends `request` on a plain socket and returns whatever comes back (up to the
+// peer closing or 10 s of silence).
+std::string exchangeOnSocket(int port, const std::string& request) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<std::uint16_t>(port));
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        ::close(fd);
+        return "<connect failed>";
+    }
+    timeval timeout{10, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    for (std::size_t sent = 0; sent < request.size();) {
+        const ssize_t n = ::send(fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) break;
+        sent += static_cast<std::size_t>(n);
+    }
+    std::string reply;
+    char buffer[4096];
+    for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) reply.append(buffer, static_cast<std::size_t>(n));
+    ::close(fd);
+    return reply;
+}
+
+const std::string kMidPath = "/?t=ios&ver=2.0";
+
 }  // namespace
 
 // Suites that run on both stores: an SQLite file and a PostgreSQL database.
 class CollectorReport : public zubtest::CollectorStoreTest {};
 class CollectorMid : public zubtest::CollectorStoreTest {};
 class CollectorQuery : public zubtest::CollectorStoreTest {};
+class CollectorBadInput : public zubtest::CollectorStoreTest {};
+class CollectorStop : public zubtest::CollectorStoreTest {};
 ZUB_COLLECTOR_STORES(CollectorReport);
 ZUB_COLLECTOR_STORES(CollectorMid);
 ZUB_COLLECTOR_STORES(CollectorQuery);
+ZUB_COLLECTOR_STORES(CollectorBadInput);
+ZUB_COLLECTOR_STORES(CollectorStop);
 
 TEST_P(CollectorReport, StoresEachEventOnceAsSentAndKeepsItAcrossRestartsForTheKeptDays) {
-    ZUB_REQUIRE_COLLECTOR();
     std::filesystem::path db;
     zub::Value sent = zub::Value::array();
     {
-        CollectorProcess collector;
-        ASSERT_TRUE(collector.start()) << collector.failure();
+        ZUB_START_COLLECTOR(collector);
         db = collector.db();
         // The library sends its index as a signed 32-bit number: indexes above
         // 2147483647 arrive negative, and are kept and shown as they arrived.
@@ -116,8 +190,7 @@ TEST_P(CollectorReport, StoresEachEventOnceAsSentAndKeepsItAcrossRestartsForTheK
 
         EXPECT_EQ(collector.stop(), 0) << collector.log();
         // Every event of an acknowledged batch counts as stored, those sent before included.
-        EXPECT_NE(collector.output().find(R"({"event":"stopped","stored":20})"), std::string::npos)
-            << collector.output();
+        EXPECT_THAT(collector.output(), HasSubstr(R"({"event":"stopped","stored":20})"));
         const std::string log = collector.log();
         for (const char* line : {"POST /mstat/report 200 enc=rc4 bytes=", "enc=rc4,gzip", "events=10 ret=0",
                                  "received SIGTERM, stopping"}) {
@@ -136,8 +209,7 @@ TEST_P(CollectorReport, StoresEachEventOnceAsSentAndKeepsItAcrossRestartsForTheK
     } else {
         ASSERT_TRUE(sqlite(db, age)) << "the sqlite3 shell is needed (scripts/deps installs it)";
     }
-    CollectorProcess restarted({"--retention-days", "3"}, db);
-    ASSERT_TRUE(restarted.start()) << restarted.failure();
+    ZUB_START_COLLECTOR(restarted, {"--retention-days", "3"}, db);
     zub::Value rows = restarted.storedEvents();
     ASSERT_EQ(rows.size(), 15u);
     EXPECT_EQ(rows[0]["idx"], 101);
@@ -151,7 +223,6 @@ TEST_P(CollectorReport, StoresEachEventOnceAsSentAndKeepsItAcrossRestartsForTheK
 }
 
 TEST_P(CollectorMid, OneStableMidPerDeviceNoneForPlaceholdersAndEachConfigurationBlockOnce) {
-    ZUB_REQUIRE_COLLECTOR();
     const std::string ui = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa1";
     const std::string ioa = "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb1";
     // What every machine sends when it has no "en0" interface (the SHA-1 of no
@@ -165,12 +236,11 @@ TEST_P(CollectorMid, OneStableMidPerDeviceNoneForPlaceholdersAndEachConfiguratio
     std::string mid;
     std::filesystem::path db;
     {
-        CollectorProcess collector({"--config", configPath.string()});
-        ASSERT_TRUE(collector.start()) << collector.failure();
+        ZUB_START_COLLECTOR(collector, {"--config", configPath.string()});
         db = collector.db();
         auto midFor = [&](const std::string& ifv, const std::string& ioaSent, const std::string& uiSent,
                           const std::string& midSent = "") {
-            const auto reply = collector.post("/?t=ios&ver=2.0", midRequest(ifv, ioaSent, uiSent, midSent));
+            const auto reply = collector.post(kMidPath, midRequest(ifv, ioaSent, uiSent, midSent));
             return zubtest::retOf(reply) == 0 && reply->contains("mid") ? (*reply)["mid"].get<std::string>()
                                                                          : "<no mid>";
         };
@@ -231,15 +301,12 @@ TEST_P(CollectorMid, OneStableMidPerDeviceNoneForPlaceholdersAndEachConfiguratio
         EXPECT_NE(collector.log().find("cfg=1,2"), std::string::npos);
     }
     // The mid is stable across restarts of the collector.
-    CollectorProcess again({}, db);
-    ASSERT_TRUE(again.start()) << again.failure();
-    EXPECT_EQ(again.post("/?t=ios&ver=2.0", midRequest("IFV-1", ioa, ui, "")), zub::Value({{"ret", 0}, {"mid", mid}}));
+    ZUB_START_COLLECTOR(again, {}, db);
+    EXPECT_EQ(again.post(kMidPath, midRequest("IFV-1", ioa, ui, "")), zub::Value({{"ret", 0}, {"mid", mid}}));
 }
 
 TEST_P(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
-    ZUB_REQUIRE_COLLECTOR();
-    CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector);
     const std::string db = collector.db().string();
     zub::Value batch = zub::Value::array();
     std::int64_t ts = 1700000000;
@@ -248,24 +315,18 @@ TEST_P(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
     auto add = [&](std::int64_t type, const zub::Value& more) {
         batch.push_back(event("app-A", "mid-1", type, 2, ts++, idx++, more));
     };
-    add(2, {{"si", 1}});
-    add(2, zub::Value::object());
-    for (const auto& [page, du] : std::vector<std::pair<std::string, int>>{{"home", 4}, {"home", 6}, {"cart", 2}}) {
-        add(1, {{"pi", page}, {"du", du}});
-    }
-    add(1000, {{"ei", "buy"}, {"du", 5}});
-    add(1000, {{"ei", "buy"}});
-    add(1000, {{"ei", "buy"}});
-    add(1000, {{"ei", "share"}});
+    const std::pair<std::int64_t, zub::Value> first[] = {
+        {2, {{"si", 1}}}, {2, zub::Value::object()}, {1, {{"pi", "home"}, {"du", 4}}}, {1, {{"pi", "home"}, {"du", 6}}},
+        {1, {{"pi", "cart"}, {"du", 2}}}, {1000, {{"ei", "buy"}, {"du", 5}}}, {1000, {{"ei", "buy"}}},
+        {1000, {{"ei", "buy"}}}, {1000, {{"ei", "share"}}}};
+    for (const auto& [type, more] : first) add(type, more);
     ASSERT_EQ(collector.report(batch), 0);
     ASSERT_EQ(collector.report(zub::Value::array({event("app-B", "mid-2", 4, 1, ts++, idx++)})), 0);
 
     zub::Value stats = collector.stats();
     ASSERT_TRUE(stats.is_object()) << collector.failure();
-    EXPECT_EQ(stats["events"], 10);
-    EXPECT_EQ(stats["sessions"], 3);  // app-A's sessions 1 and 2, app-B's session 1
-    EXPECT_EQ(stats["devicesReporting"], 2);
-    EXPECT_EQ(stats["apps"], 2);
+    // Sessions: app-A's 1 and 2, app-B's 1.
+    zubtest::expectKeys(stats, {{"events", 10}, {"sessions", 3}, {"devicesReporting", 2}, {"apps", 2}});
     EXPECT_EQ(stats["byType"], zub::Value::parse(R"([
         {"et":1000,"name":"custom","count":4}, {"et":1,"name":"page","count":3},
         {"et":2,"name":"session","count":2}, {"et":4,"name":"active time","count":1}])"));
@@ -311,17 +372,16 @@ TEST_P(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
     EXPECT_EQ(table.out.find("event time"), std::string::npos) << table.out;
 
     // Custom events ended by a timer arrive with type 0 and count by their
-    // identifier; the library's reports of dropped events count apart.
+    // identifier; the library's reports of dropped events count apart. A custom
+    // event without identifier still counts; type 4 is not a custom event. The
+    // jailbreak sign ("jb") is set on every Debian machine: no finding to report.
     batch = zub::Value::array();
-    add(1000, {{"ei", "play"}});
-    add(0, {{"ei", "play"}, {"du", 10}});
-    add(0, {{"ei", "play"}, {"du", 20}});
-    add(0, {{"ei", "load"}, {"du", 4}});
-    add(1000, zub::Value::object());  // a custom event without identifier still counts
-    add(4, zub::Value::object());     // neither: not a custom event
-    add(1000, {{"ei", "zub_dropped_events"}, {"kv", {{"count", 3}}}});
-    add(1000, {{"ei", "zub_dropped_events"}, {"kv", {{"count", 4}}}});
-    add(2, {{"jb", 1}});  // the jailbreak sign is set on every Debian machine: no finding to report
+    const std::pair<std::int64_t, zub::Value> timers[] = {
+        {1000, {{"ei", "play"}}}, {0, {{"ei", "play"}, {"du", 10}}}, {0, {{"ei", "play"}, {"du", 20}}},
+        {0, {{"ei", "load"}, {"du", 4}}}, {1000, zub::Value::object()}, {4, zub::Value::object()},
+        {1000, {{"ei", "zub_dropped_events"}, {"kv", {{"count", 3}}}}},
+        {1000, {{"ei", "zub_dropped_events"}, {"kv", {{"count", 4}}}}}, {2, {{"jb", 1}}}};
+    for (const auto& [type, more] : timers) add(type, more);
     for (auto& e : batch) e["ky"] = "app-C";
     ASSERT_EQ(collector.report(batch), 0);
     stats = collector.stats({"--app", "app-C"});
@@ -345,18 +405,14 @@ TEST_P(CollectorQuery, StatsAndEventFiltersReportWhatArrived) {
 }
 
 TEST(CollectorDatabase, RefusesWhatItCannotServeQueriesOnlyReadOlderSchemasMigrateNewerAreLeftAlone) {
-    ZUB_REQUIRE_COLLECTOR();
     namespace fs = std::filesystem;
-    CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector);
     // A port in use: the later --port takes the place of the helper's "--port 0";
     // refused before its database was touched.
     const std::string port = std::to_string(collector.port());
     CollectorProcess second({"--port", port});
     EXPECT_FALSE(second.start());
-    EXPECT_NE(second.failure().find("cannot listen on 127.0.0.1:" + port + ": address already in use"),
-              std::string::npos)
-        << second.failure();
+    EXPECT_THAT(second.failure(), HasSubstr("cannot listen on 127.0.0.1:" + port + ": address already in use"));
     EXPECT_NE(second.failure().find("exit code 1"), std::string::npos) << second.failure();
     EXPECT_FALSE(fs::exists(second.db()));
     // The first one still takes what is sent to the port.
@@ -385,16 +441,14 @@ TEST(CollectorDatabase, RefusesWhatItCannotServeQueriesOnlyReadOlderSchemasMigra
     const fs::path notADirectory = db.parent_path() / "collector.log";
     CollectorProcess misplaced({}, notADirectory / "x.db");
     EXPECT_FALSE(misplaced.start());
-    EXPECT_NE(misplaced.failure().find("cannot open database " + (notADirectory / "x.db").string() + ": not a directory"),
-              std::string::npos)
-        << misplaced.failure();
+    EXPECT_THAT(misplaced.failure(),
+                HasSubstr("cannot open database " + (notADirectory / "x.db").string() + ": not a directory"));
     if (::geteuid() != 0) {
         const fs::path locked = zubtest::TempHome::makeDir("locked");
         fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec);
         CollectorProcess denied({}, locked / "x.db");
         EXPECT_FALSE(denied.start());
-        EXPECT_NE(denied.failure().find("x.db: permission denied (cannot create files in "), std::string::npos)
-            << denied.failure();
+        EXPECT_THAT(denied.failure(), HasSubstr("x.db: permission denied (cannot create files in "));
     }
 
     // Back to version 1, as an older collector left it: the start migrates it.
@@ -409,8 +463,7 @@ TEST(CollectorDatabase, RefusesWhatItCannotServeQueriesOnlyReadOlderSchemasMigra
     const auto configPath = zubtest::TempHome::makeDir("schema-cfg") / "online.json";
     std::ofstream(configPath) << R"({"app": {"v": 4, "c": {"k": "v"}}})";
     {
-        CollectorProcess migrated({"--config", configPath.string()}, db);
-        ASSERT_TRUE(migrated.start()) << migrated.failure();
+        ZUB_START_COLLECTOR(migrated, {"--config", configPath.string()}, db);
         EXPECT_EQ(sqlite(db, "SELECT version FROM schema_version"), "4\n");
         EXPECT_EQ(migrated.storedEvents().size(), 1u);
         // The event stored before the dashboard's summaries existed is in them.
@@ -427,8 +480,7 @@ TEST(CollectorDatabase, RefusesWhatItCannotServeQueriesOnlyReadOlderSchemasMigra
     ASSERT_TRUE(sqlite(db, "UPDATE schema_version SET version = 99"));
     CollectorProcess newer({}, db);
     EXPECT_FALSE(newer.start());
-    EXPECT_NE(newer.failure().find("database schema version 99 is newer than this collector's (4)"), std::string::npos)
-        << newer.failure();
+    EXPECT_THAT(newer.failure(), HasSubstr("database schema version 99 is newer than this collector's (4)"));
     const auto listed = CollectorProcess::run({"events", "--db", db.string(), "--json"});
     EXPECT_EQ(listed.exitCode, 1);
     EXPECT_NE(listed.err.find("newer than this collector's"), std::string::npos) << listed.err;
@@ -484,4 +536,195 @@ TEST(CollectorCommandLine, EachCommandHasItsHelpAndBadLinesAndConfigurationsAreN
         EXPECT_NE(collector.failure().find(message), std::string::npos) << collector.failure();
         EXPECT_NE(collector.failure().find("exit code 2"), std::string::npos) << collector.failure();
     }
+}
+
+TEST_P(CollectorBadInput, EveryMalformedRequestGetsAClearErrorIsCountedAndStoredDataStays) {
+    ZUB_START_COLLECTOR(collector, {"--max-plain", "100000", "--max-body", "4000"});
+    // The Prometheus counters follow what the collector stored, refused and issued.
+    const zub::Value e = {{"ky", "m-app"}, {"si", 1}, {"ts", 1700000000}, {"et", 4}, {"mid", "m-1"}, {"du", 1}};
+    ASSERT_EQ(collector.report(zub::Value::array({e, e, e})), 0);
+    ASSERT_EQ(collector.report(zub::Value::array({e, e})), 0);
+    // Not JSON inside a correct wrapping, and a body over the limit.
+    EXPECT_EQ(postRaw(collector.port(), "/mstat/report", rc4(bytes("not json")), "rc4", "").status, 200);
+    EXPECT_EQ(postRaw(collector.port(), "/mstat/report", zub::Data(5000, 'x'), "rc4", "").status, 413);
+    // A new device, then the same device again.
+    const zub::Value device = {{"ifv", "IFV-M"}, {"ioa", ""}, {"ui", "0123456789abcdef0123456789abcdef01234567"}, {"mid", ""}};
+    ASSERT_EQ(zubtest::retOf(collector.post(kMidPath, device)), 0);
+    ASSERT_TRUE(collector.post(kMidPath, device));
+
+    const std::string dashboard = collector.dashboardUrl("");
+    const auto scrape = httplib::Client(dashboard).Get("/metrics");
+    ASSERT_TRUE(scrape && scrape->status == 200) << collector.log();
+    std::map<std::string, double> m;  // "name{labels}" -> value
+    std::istringstream lines(scrape->body);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty() && line[0] != '#') m[line.substr(0, line.rfind(' '))] = std::stod(line.substr(line.rfind(' ') + 1));
+    }
+    const std::pair<std::string, double> counters[] = {
+        {"events_stored_total", 5}, {"mids_issued_total", 1},
+        {"bad_requests_total{reason=\"not_json\"}", 1}, {"bad_requests_total{reason=\"too_large\"}", 1},
+        {"bad_requests_total{reason=\"wrapping\"}", 0}, {"requests_total{route=\"mid\",code=\"2xx\"}", 2},
+        {"requests_total{route=\"report\",code=\"2xx\"}", 3}, {"requests_total{route=\"report\",code=\"4xx\"}", 1},
+        // The histogram holds every request once, its buckets never decrease.
+        {"request_duration_seconds_count{route=\"report\"}", 4},
+        {"request_duration_seconds_bucket{route=\"report\",le=\"+Inf\"}", 4}};
+    for (const auto& [name, value] : counters) EXPECT_EQ(m["zub_collector_" + name], value) << name;
+    EXPECT_LE(m["zub_collector_request_duration_seconds_bucket{route=\"report\",le=\"0.001\"}"],
+              m["zub_collector_request_duration_seconds_bucket{route=\"report\",le=\"10\"}"]);
+    EXPECT_GT(m["zub_collector_request_duration_seconds_sum{route=\"report\"}"], 0);
+    EXPECT_GT(m["zub_collector_database_size_bytes"], 4096);
+
+    // The client posts an empty body without an encoding when no event could go.
+    const auto empty = postRaw(collector.port(), "/mstat/report", {}, "", key());
+    ASSERT_EQ(empty.status, 200) << empty.error;
+    EXPECT_EQ(zubtest::retOf(empty.json), 0);
+    EXPECT_EQ(collector.report(zub::Value::array()), 0);
+    EXPECT_EQ(collector.storedEvents().size(), 5u);
+
+    ASSERT_EQ(collector.report(batchOf(0, 5)), 0);
+    const zub::Value devices = collector.stats()["devicesRegistered"];  // "mid-1", seen in the events
+    const zub::Data batch = bytes(batchOf(100, 4).dump());
+    ASSERT_GE(batch.size(), 256u);
+    const zub::Data longForm = prefixedGzip(batch, static_cast<std::uint32_t>(batch.size()));
+    zub::Data truncated(longForm.begin(), longForm.end() - 10);
+    zub::Data trailing = longForm;
+    trailing.push_back(0x42);
+    const std::string otherKey = "00000000000000000000000000000000";
+    struct Case {
+        const char* name;
+        zub::Data wire;  // already enciphered
+        std::string encoding;
+        int ret;
+        const char* message;
+        std::string path = "/mstat/report";
+    };
+    const Case cases[] = {
+        {"wrong key, short form", rc4(bytes(R"([{"et":1}])"), otherKey), "rc4", 2, "not JSON"},
+        {"wrong key, long form", rc4(longForm, otherKey), "rc4,gzip", 1, ""},
+        {"declared length too large", rc4(prefixedGzip(batch, static_cast<std::uint32_t>(batch.size() + 1))),
+         "rc4,gzip", 1, "declared length"},
+        {"declared length too small", rc4(prefixedGzip(batch, static_cast<std::uint32_t>(batch.size() - 1))),
+         "rc4,gzip", 1, "declared length"},
+        {"declared length over the plain limit", rc4(prefixedGzip(batch, 0x7fffffff)), "rc4,gzip", 1,
+         "over the limit"},
+        {"no room for the length", rc4(bytes("abc")), "rc4,gzip", 1, "too short"},
+        {"truncated gzip", rc4(truncated), "rc4,gzip", 1, "truncated or damaged"},
+        {"bytes after the gzip data", rc4(trailing), "rc4,gzip", 1, "after the end"},
+        {"not JSON", rc4(bytes("[{\"et\":1},")), "rc4", 2, "not JSON"},
+        {"JSON object, not an array", rc4(bytes(R"({"et":1})")), "rc4", 3, "not an array"},
+        {"an item that is not an object", rc4(bytes(R"([{"et":1},7])")), "rc4", 3, "batch item 1"},
+        {"nesting too deep", rc4(bytes(std::string(200, '[') + std::string(200, ']'))), "rc4", 2, "nesting depth"},
+        {"unknown encoding", rc4(bytes(R"([{"et":1}])")), "gzip", 1, "unknown Content-Encoding"},
+        {"no encoding", rc4(bytes(R"([{"et":1}])")), "", 1, "unknown Content-Encoding"},
+        // Identifier requests that cannot be read register nothing.
+        {"identifiers not JSON", rc4(bytes("{\"ifv\":")), "rc4", 2, "", kMidPath},
+        {"identifiers not an object", rc4(bytes(R"(["ifv","ioa"])")), "rc4", 3, "", kMidPath},
+        {"no identifier", rc4(bytes(R"({"et":5,"ver":1,"mid":""})")), "rc4", 3, "", kMidPath},
+        {"identifier not a string", rc4(bytes(R"({"ifv":5})")), "rc4", 3, "", kMidPath},
+        {"identifier too long", rc4(bytes(R"({"ui":")" + std::string(300, 'u') + "\"}")), "rc4", 3, "", kMidPath},
+        {"identifiers under another key", rc4(bytes(R"({"ifv":"A"})"), "ffffffffffffffffffffffffffffffff"), "rc4", 2, "", kMidPath},
+        {"no identifier request", {}, "rc4", 3, "", kMidPath},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto reply = postRaw(collector.port(), c.path, c.wire, c.encoding, key());
+        ASSERT_EQ(reply.status, 200) << reply.error;
+        ASSERT_TRUE(reply.json.has_value());
+        EXPECT_EQ(zubtest::retOf(reply.json), c.ret) << reply.json->dump();
+        const std::string msg = reply.json->value("msg", "");
+        EXPECT_FALSE(msg.empty());
+        EXPECT_NE(msg.find(c.message), std::string::npos) << msg;
+    }
+    // Oversized bodies are refused without being read.
+    const std::string head = "POST /mstat/report HTTP/1.1\r\nHost: 127.0.0.1\r\n";
+    char chunkSize[32];
+    std::snprintf(chunkSize, sizeof chunkSize, "%x\r\n", 7000);
+    const std::string refused[] = {
+        // A body announced at 100 MB of which only 1 KiB is ever sent: the refusal
+        // comes at once, so the collector cannot have waited for the rest.
+        head + "Content-Encoding: rc4\r\nContent-Length: 100000000\r\n\r\n" + std::string(1024, 'x'),
+        // A client that asks before sending (Expect: 100-continue) is told no at once.
+        head + "Content-Encoding: rc4,gzip\r\nContent-Length: 2000000\r\nExpect: 100-continue\r\n\r\n",
+        // A chunked body with no length: counted as it arrives and refused past the limit.
+        head + "Content-Encoding: rc4\r\nTransfer-Encoding: chunked\r\n\r\n" + chunkSize + std::string(7000, 'y') +
+            "\r\n",
+    };
+    for (const std::string& request : refused) {
+        const std::string answer = exchangeOnSocket(collector.port(), request);
+        EXPECT_EQ(answer.rfind("HTTP/1.1 413", 0), 0u) << answer.substr(0, 200);
+    }
+    // The library's own client with a batch that does not compress below the limit:
+    // nothing (status 413) or a connection error, never a success.
+    std::mt19937 random(7);
+    std::string noise;
+    for (int i = 0; i < 300000; ++i) noise += "0123456789abcdef"[random() % 16];
+    EXPECT_NE(collector.report(zub::Value::array({{{"et", 1000}, {"ei", noise}}})), 0);
+
+    // Nothing refused was stored, nothing stored was lost, and the collector goes on.
+    EXPECT_EQ(collector.storedEvents().size(), 10u);
+    EXPECT_EQ(collector.stats()["devicesRegistered"], devices);
+    EXPECT_EQ(zubtest::retOf(collector.post(kMidPath, {{"et", 5}, {"ver", 1}, {"ifv", "A"}, {"mid", ""}})), 0);
+    EXPECT_EQ(collector.stats()["devicesRegistered"], devices.get<int>() + 1);
+    EXPECT_EQ(collector.report(batchOf(200, 3)), 0);
+    EXPECT_EQ(collector.storedEvents().size(), 13u);
+    const std::string log = collector.log();
+    for (const std::string line : {"ret=3 error=\"batch is a JSON object, not an array\"",
+                                   "413 enc=rc4 bytes=0 events=0 ret=4 error=\"body of 100000000 bytes is over the limit of 4000\"",
+                                   "body is over the limit of 4000 bytes"}) {
+        EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+    }
+    EXPECT_EQ(collector.stop(), 0) << collector.log();
+}
+
+TEST(CollectorFaults, KnobsAnswerAsToldForTheGivenNumberOfRequests) {
+    {
+        // A ret answered without storing, for two reports; identifier requests are
+        // outside the fault's path and are not counted.
+        ZUB_START_COLLECTOR(collector, {"--fault-ret", "7", "--fault-count", "2", "--fault-path", "report"});
+        EXPECT_EQ(collector.post("/mstat/report", batchOf(0, 2)), zub::Value::parse(R"({"ret":7})"));
+        EXPECT_EQ(retOf(collector.post(kMidPath, {{"et", 5}, {"ver", 1}, {"ifv", "IFV-SHARED"}, {"mid", ""}})), 0);
+        EXPECT_EQ(collector.report(batchOf(2, 2)), 7);
+        EXPECT_EQ(collector.report(batchOf(4, 2)), 0);
+        const zub::Value rows = collector.storedEvents();
+        ASSERT_EQ(rows.size(), 2u);
+        EXPECT_EQ(rows[0]["idx"], 4);
+        EXPECT_NE(collector.log().find("ret=7 fault=ret"), std::string::npos);
+    }
+    {
+        // An HTTP status: only 200 is an answer for the library.
+        ZUB_START_COLLECTOR(collector, {"--fault-status", "503"});
+        EXPECT_FALSE(collector.post("/mstat/report", batchOf(0, 2)).has_value());
+        EXPECT_EQ(zubtest::postRaw(collector.port(), kMidPath, {}, "rc4", "").status, 503);
+        EXPECT_EQ(collector.storedEvents().size(), 0u);
+        EXPECT_EQ(collector.stats()["devicesRegistered"], 0);
+    }
+    // A cut connection: a connection-level failure for the library, once.
+    ZUB_START_COLLECTOR(collector, {"--fault-drop", "--fault-count", "1"});
+    const auto dropped = collector.post("/mstat/report", batchOf(0, 2));
+    ASSERT_TRUE(dropped.has_value());
+    EXPECT_TRUE(dropped->contains(responseErrorKey)) << dropped->dump();
+    EXPECT_EQ(collector.report(batchOf(2, 2)), 0);
+    EXPECT_EQ(collector.storedEvents().size(), 2u);
+    EXPECT_NE(collector.log().find("fault=drop"), std::string::npos);
+}
+
+TEST_P(CollectorStop, HeldReportIsStoredAndAnIdleKeptAliveConnectionDoesNotHoldTheStop) {
+    ZUB_START_COLLECTOR(collector, {"--fault-delay-ms", "2500", "--keep-alive", "3600"});
+    // A client whose connection stays open after one answer, then idle: the stop
+    // must not wait out the hour of keep-alive (the helper kills after 60 s: -1).
+    httplib::Client idle("127.0.0.1", collector.port());
+    idle.set_keep_alive(true);
+    const auto answered = idle.Get("/");
+    ASSERT_TRUE(answered) << httplib::to_string(answered.error());
+    EXPECT_EQ(answered->status, 404);
+    // The client gives up after one second; the collector is still holding the request.
+    const auto timedOut = collector.post("/mstat/report", batchOf(0, 3), 1);
+    ASSERT_TRUE(timedOut.has_value());
+    ASSERT_TRUE(timedOut->contains(responseErrorKey)) << timedOut->dump();
+    EXPECT_EQ((*timedOut)[responseErrorKey]["code"], -1001);
+    // Stopping now waits for that request: its events reach the database before the exit.
+    EXPECT_EQ(collector.stop(), 0) << collector.log();
+    EXPECT_NE(collector.output().find(R"({"event":"stopped","stored":3})"), std::string::npos) << collector.output();
+    EXPECT_EQ(collector.storedEvents().size(), 3u);
+    EXPECT_NE(collector.log().find("fault=delay2500ms"), std::string::npos);
 }

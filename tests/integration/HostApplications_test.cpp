@@ -14,7 +14,6 @@
 #include <vector>
 
 using zubtest::ChildProcess;
-using zubtest::CollectorProcess;
 
 namespace {
 
@@ -45,9 +44,7 @@ std::size_t countWhere(const zub::Value& rows, const std::string& page, const st
 // process runs its exit handlers. Every run must end with the host's own exit
 // status; with flush before returning, everything it tracked must have arrived.
 TEST(HostExit, ReturningFromMainWhileTheQueuesWorkEndsCleanlyAndFlushFirstDeliversEverything) {
-    if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector";
-    CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector);
     std::vector<std::string> flushed;
     for (const std::string host : {"host_app_helper", "host_app_shared_helper"}) {
         for (int run = 0; run < 6; ++run) {
@@ -81,9 +78,7 @@ TEST(HostExit, ReturningFromMainWhileTheQueuesWorkEndsCleanlyAndFlushFirstDelive
 // launch reads them back and sends them. Neither may see, replace or send the
 // other's saved events.
 TEST(ApplicationsSharingAHome, EachApplicationsEventsArriveExactlyOnceUnderItsOwnKey) {
-    if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector";
-    CollectorProcess collector;
-    ASSERT_TRUE(collector.start()) << collector.failure();
+    ZUB_START_COLLECTOR(collector);
     constexpr int kEventsPerLaunch = 25;
     const std::pair<std::string, std::string> apps[] = {{"com.example.alpha", "alpha-key"},
                                                         {"org.example.beta", "beta-key"}};

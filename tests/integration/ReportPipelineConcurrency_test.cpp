@@ -2,9 +2,6 @@
 // lifecycle: run under ThreadSanitizer as well. (First calls from many threads
 // and tracking alone have their own concurrency tests; this one turns the whole
 // lifecycle against real report cycles.)
-#include "Common/DeviceID/ZUBProMid.h"
-#include "Common/ZUBProConfig.h"
-#include "Dal/ZUBDeviceIDDal.h"
 #include "Platform/Clock.h"
 #include "Pro/ZUBEventLogic.h"
 #include "support/CollectorProcess.h"
@@ -19,8 +16,6 @@
 #include <atomic>
 #include <set>
 #include <thread>
-
-using zubtest::CollectorProcess;
 
 namespace {
 
@@ -58,18 +53,11 @@ std::set<std::string> keysOf(const Events& events) {
 }  // namespace
 
 TEST(ReportPipelineConcurrency, HostThreadsTrackWhileCyclesRunAndTheLifecycleTurns) {
-    if (!CollectorProcess::available()) GTEST_SKIP() << "this build has no collector";
     if (!zubtest::networkReachable()) GTEST_SKIP() << "no default route: replies start no further cycles";
-    CollectorProcess collector({"--quiet"});
-    ASSERT_TRUE(collector.start()) << collector.failure();
-    ZUBProConfig::getInstance().setReportURL(collector.url("/mstat/report"));
-    ZUBProConfig::getInstance().setMidURL(collector.url("/?t=ios&ver=2.0"));
+    ZUB_START_COLLECTOR(collector, {"--quiet"});
     zubtest::LogCapture quiet(false);  // the base event's "super encode" lines stay here
-    ZUBPro::setSmartReport(false);
     ZUBPro::setReportStrategy(1);
-    ZUBProMid::getInstance().reportMid();
-    ASSERT_TRUE(zubtest::settlePipeline());
-    ASSERT_FALSE(ZUBDeviceIDDal::getInstance().getMID().empty());
+    ASSERT_TRUE(zubtest::reportTo(collector.url("")));
     ZUBPro::startWithAppKey("app-threads");
 
     // Phase one: the threads track while the host turns the lifecycle. Saving and

@@ -3,7 +3,6 @@
 // where a test needs replies the collector never gives), with time moved by a
 // manual clock. Batch assembly and the reply and failure tables are unit tests
 // of the event logic; here each rule is seen once through the whole pipeline.
-#include "Common/DeviceID/ZUBProMid.h"
 #include "Common/ZUBProConfig.h"
 #include "Dal/ZUBDeviceIDDal.h"
 #include "Dal/ZUBEventDal.h"
@@ -13,6 +12,7 @@
 #include "support/CollectorProcess.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
+#include "support/ModelFixtures.h"
 #include "support/ReportPipeline.h"
 #include "support/TempHome.h"
 
@@ -47,16 +47,6 @@ private:
     std::size_t length_;
 };
 
-std::size_t countOf(const std::string& text, const std::string& what) {
-    std::size_t n = 0;
-    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
-}
-
-std::string unusedURL(const std::string& path) {
-    return "http://127.0.0.1:" + std::to_string(zubtest::freeLoopbackPort()) + path;
-}
-
 }  // namespace
 
 class ReportPipeline : public ::testing::Test {
@@ -71,13 +61,7 @@ protected:
     void up(std::vector<std::string> args = {}, bool registerFirst = true) {
         collector.emplace(std::move(args));
         ASSERT_TRUE(collector->start()) << collector->failure();
-        ZUBProConfig::getInstance().setReportURL(collector->url("/mstat/report"));
-        ZUBProConfig::getInstance().setMidURL(collector->url("/?t=ios&ver=2.0"));
-        ZUBPro::setSmartReport(false);
-        if (!registerFirst) return;
-        ZUBProMid::getInstance().reportMid();
-        ASSERT_TRUE(settlePipeline());
-        ASSERT_FALSE(ZUBDeviceIDDal::getInstance().getMID().empty());
+        ASSERT_TRUE(zubtest::reportTo(collector->url(""), registerFirst));
     }
 
     // Moves the clock, runs one report cycle and whatever its replies start.
@@ -94,7 +78,13 @@ protected:
         ZUBPro::trackCustomEvent(id, kv);
     }
 
-    std::size_t posts(const std::string& what) { return countOf(collector->log(), what); }
+    // How often the collector's log holds `what`.
+    std::size_t posts(const std::string& what) {
+        const std::string log = collector->log();
+        std::size_t n = 0;
+        for (std::size_t at = log.find(what); at != std::string::npos; at = log.find(what, at + 1)) ++n;
+        return n;
+    }
 
     zubtest::ManualClock clock;
     std::optional<CollectorProcess> collector;
@@ -122,42 +112,25 @@ TEST_F(ReportPipeline, StartRegistersTheDeviceAndOpensASessionThatArrivesWithIts
     const zub::Value rows = collector->storedEvents();
     ASSERT_EQ(rows.size(), 1u) << collector->failure();
     const zub::Value& e = rows[0]["event"];
-    EXPECT_EQ(e["et"], 2);
-    EXPECT_EQ(e["ky"], "app-pipe");
-    EXPECT_EQ(e["mid"], mid);
-    EXPECT_EQ(e["m5"], waiting[0]);
-    EXPECT_EQ(e["si"], ZUBPro::getSessionID(false));
-    EXPECT_EQ(e["ts"], 1'700'000'000);
-    EXPECT_FALSE(e.contains("sv"));  // carried inside "ev" for a session event
-    EXPECT_EQ(e["cfg"], zub::Value::parse(R"({"1":{"v":0},"2":{"v":0}})"));
+    // "sv" is carried inside "ev" for a session event.
+    zubtest::expectKeys(e, {{"et", 2}, {"ky", "app-pipe"}, {"mid", mid}, {"m5", waiting[0]}, {"si", ZUBPro::getSessionID(false)},
+                            {"ts", 1'700'000'000}, {"cfg", {{"1", {{"v", 0}}}, {"2", {{"v", 0}}}}}}, {"sv"});
 
     // "ev": each key present exactly when the environment has its value, in order.
     ZUBProEnv& env = ZUBProEnv::getInstance();
     const std::pair<const char*, bool> keys[] = {
-        {"pl", env.platform().has_value()},
-        {"tz", env.timezone().has_value()},
-        {"ov", env.os_version().has_value()},
+        {"pl", env.platform().has_value()}, {"tz", env.timezone().has_value()}, {"ov", env.os_version().has_value()},
         {"av", env.app_version().has_value() || ZUBProConfig::getInstance().customAppVersion().has_value()},
-        {"os", true},
-        {"sv", env.sdk_version().has_value()},
-        {"lg", env.language().has_value()},
-        {"sr", env.resolution().has_value()},
-        {"op", true},
-        {"md", env.devicename().has_value()},
-        {"mf", env.modulename().has_value()},
-        {"wf", env.wf().has_value()},
-        {"ch", true},  // the default channel
-        {"cn", true},
-    };
+        {"os", true}, {"sv", env.sdk_version().has_value()}, {"lg", env.language().has_value()},
+        {"sr", env.resolution().has_value()}, {"op", true}, {"md", env.devicename().has_value()},
+        {"mf", env.modulename().has_value()}, {"wf", env.wf().has_value()}, {"ch", true} /* the default channel */, {"cn", true}};
     std::vector<std::string> expected, got;
     for (const auto& [key, present] : keys) {
         if (present) expected.push_back(key);
     }
     for (const auto& [key, value] : e["ev"].items()) got.push_back(key);
     EXPECT_EQ(got, expected);
-    EXPECT_EQ(e["ev"]["os"], 2);
-    EXPECT_EQ(e["ev"]["op"], "");
-    EXPECT_EQ(e["ev"]["ch"], "Mac App Developer");
+    zubtest::expectKeys(e["ev"], {{"os", 2}, {"op", ""}, {"ch", "Mac App Developer"}});
     EXPECT_TRUE(waitingKeys().empty());
 
     // Under the default strategy events wait for the next activation or start:
@@ -252,7 +225,7 @@ TEST_F(ReportPipeline, OnlyRefusalsCountAttemptsAndEveryFailureWaitsTheVacuumTim
 
     // Nobody listens ("cannot connect", a network failure), more times than any
     // limit: no attempt counts and the events stay where they were.
-    ZUBProConfig::getInstance().setReportURL(unusedURL("/mstat/report"));
+    ZUBProConfig::getInstance().setReportURL("http://127.0.0.1:" + std::to_string(zubtest::freeLoopbackPort()) + "/mstat/report");
     for (int attempt = 1; attempt <= 11; ++attempt) {
         ASSERT_NO_FATAL_FAILURE(cycle(61));
         ASSERT_EQ(waitingKeys(), filed) << attempt;
@@ -315,12 +288,8 @@ TEST(ReportPipelineWire, AReplyThatIsNotADictionaryResendsTheSameBatch) {
         return ++reports == 1 ? "[1]" : R"({"ret":0})";
     });
     server.start();
-    ZUBProConfig::getInstance().setReportURL(server.url("/mstat/report"));
-    ZUBProConfig::getInstance().setMidURL(server.url("/?t=ios&ver=2.0"));
     zubtest::ManualClock clock;
-    ZUBPro::setSmartReport(false);
-    ZUBProMid::getInstance().reportMid();
-    ASSERT_TRUE(settlePipeline());
+    ASSERT_TRUE(zubtest::reportTo(server.url("")));
     LogCapture log;
 
     ZUBPro::startWithAppKey("app-array");

@@ -14,6 +14,7 @@
 //       starts and flushes; prints "flushed 1" (or 0) and "left N"
 #include "Common/ZUBProConfig.h"
 #include "Pro/ZUBEventLogic.h"
+#include "support/NetNamespace.h"
 #include "support/ReportPipeline.h"
 
 #include <ZUBCocoa/ZUBDelivery.h>
@@ -23,14 +24,7 @@
 #include <cstdio>
 #include <string>
 
-namespace {
-
-void say(const std::string& line) {
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
-}
-
-}  // namespace
+using zubtest::say;
 
 int main(int argc, char** argv) {
     if (argc < 4) return 2;

@@ -76,6 +76,33 @@ int runDemoHost(const std::string& collectorUrl, const std::string& app) {
 #endif
 }
 
+zub::Value keyedBatch(const std::string& app, int client, int batch, int events) {
+    zub::Value body = zub::Value::array();
+    for (int i = 0; i < events; ++i) {
+        body.push_back({{"ky", app}, {"si", 1000 + client}, {"ts", 1700000000 + batch}, {"et", 1000},
+                        {"ui", "ui-" + app + "-" + std::to_string(client)}, {"mid", "mid-" + app + "-" + std::to_string(client)},
+                        {"idx", batch * events + i}, {"ei", "tap"},
+                        {"m5", std::to_string(client) + "-" + std::to_string(batch) + "-" + std::to_string(i)}});
+    }
+    return body;
+}
+
+void expectStoredOnce(const std::map<std::string, int>& stored, const std::vector<int>& batches, int events,
+                      bool nothingElse) {
+    std::size_t expected = 0;
+    for (std::size_t c = 0; c < batches.size(); ++c) {
+        expected += static_cast<std::size_t>(batches[c] * events);
+        for (int b = 0; b < batches[c]; ++b) {
+            for (int i = 0; i < events; ++i) {
+                const std::string key = std::to_string(c) + "-" + std::to_string(b) + "-" + std::to_string(i);
+                const auto found = stored.find(key);
+                EXPECT_EQ(found == stored.end() ? 0 : found->second, 1) << "event " << key;
+            }
+        }
+    }
+    EXPECT_TRUE(!nothingElse || stored.size() == expected) << stored.size() << " keys stored, " << expected << " sent";
+}
+
 bool CollectorProcess::available() {
 #ifdef ZUB_COLLECTOR_PATH
     return true;
@@ -117,8 +144,6 @@ CommandResult CollectorProcess::run(const std::vector<std::string>& args) {
 
 void CollectorProcess::useStore(Store store) { currentStore = store; }
 
-CollectorProcess::Store CollectorProcess::store() { return currentStore; }
-
 std::string storeName(const testing::TestParamInfo<CollectorProcess::Store>& info) {
     return info.param == CollectorProcess::Store::Postgres ? "Postgres" : "Sqlite";
 }
@@ -129,7 +154,7 @@ CollectorProcess::CollectorProcess(std::vector<std::string> extraArgs, std::file
     : extraArgs_(std::move(extraArgs)), db_(std::move(db)) {
     const std::filesystem::path dir =
         TempHome::makeDir("collector-" + std::to_string(::getpid()) + "-" + std::to_string(instanceCounter++));
-    if (db_.empty()) db_ = store() == Store::Postgres ? PostgresServer::newDatabase(failure_) : (dir / "collector.db").string();
+    if (db_.empty()) db_ = currentStore == Store::Postgres ? PostgresServer::newDatabase(failure_) : (dir / "collector.db").string();
     logPath_ = dir / "collector.log";
 }
 
@@ -219,6 +244,12 @@ zub::Value CollectorProcess::queryJson(const std::string& command, const std::ve
 
 zub::Value CollectorProcess::storedEvents(const std::vector<std::string>& filters) {
     return queryJson("events", filters, zub::Value::array());
+}
+
+std::map<std::string, int> CollectorProcess::storedKeys() {
+    std::map<std::string, int> keys;
+    for (const auto& row : storedEvents()) ++keys[row["event"].value("m5", "")];
+    return keys;
 }
 
 zub::Value CollectorProcess::stats(const std::vector<std::string>& more) {

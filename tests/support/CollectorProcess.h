@@ -24,6 +24,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -31,6 +32,13 @@
 
 #define ZUB_REQUIRE_COLLECTOR() \
     if (!zubtest::CollectorProcess::available()) GTEST_SKIP() << "this build has no collector"
+
+/// Skips the test without a collector; else `zubtest::CollectorProcess name{args}`,
+/// started, or the test fails with why.
+#define ZUB_START_COLLECTOR(name, ...)            \
+    ZUB_REQUIRE_COLLECTOR();                      \
+    zubtest::CollectorProcess name{__VA_ARGS__}; \
+    ASSERT_TRUE(name.start()) << name.failure()
 
 namespace zubtest {
 
@@ -62,13 +70,23 @@ int retOf(const std::optional<zub::Value>& reply);
 /// else 0; -1 without a demo host.
 int runDemoHost(const std::string& collectorUrl, const std::string& app);
 
+/// A batch of `events` custom events of application `app` from device `client`, as
+/// the library sends them: each with its own key ("m5") "<client>-<batch>-<i>",
+/// which a resent event keeps.
+zub::Value keyedBatch(const std::string& app, int client, int batch, int events);
+
+/// Fails (without stopping the test) for each key of batches 0 .. batches[c] - 1 of
+/// every client c that `stored` (key -> copies) does not hold exactly once, and,
+/// when `nothingElse`, unless it holds no other key.
+void expectStoredOnce(const std::map<std::string, int>& stored, const std::vector<int>& batches, int events,
+                      bool nothingElse);
+
 class CollectorProcess {
 public:
     enum class Store { Sqlite, Postgres };
     /// The store of the collectors made from now on in this process, when they are
     /// given no database.
     static void useStore(Store store);
-    static Store store();
 
     /// True when this build knows where the collector binary is.
     static bool available();
@@ -118,6 +136,8 @@ public:
     /// `events --json [filters]` on this collector's database: the parsed array
     /// (an empty array, with failure() set, when the command fails).
     zub::Value storedEvents(const std::vector<std::string>& filters = {});
+    /// The keys ("m5") of the stored events, each with how often it is stored.
+    std::map<std::string, int> storedKeys();
     /// `stats --json [more]` on this database (null on failure).
     zub::Value stats(const std::vector<std::string>& more = {});
 

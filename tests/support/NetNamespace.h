@@ -42,10 +42,9 @@ public:
     std::vector<std::string> finish();
     int exitCode() const { return exitCode_; }
 
-    /// A veth pair zv0/zv1, both up, once zv0 has its carrier.
+    /// A veth pair zv0/zv1, both up, once zv0 has its carrier (waited for through
+    /// the helper, on the kernel's notices).
     bool addLink();
-    /// Waits (through the helper, on the kernel's notices) until zv0's carrier is as wanted.
-    bool carrier(bool on);
 
 private:
     ChildProcess child_;

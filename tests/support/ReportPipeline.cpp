@@ -4,8 +4,11 @@
 #include "Common/Network/ZUBProReachability.h"
 #include "Common/Network/ZUBWireCodec.h"
 #include "Common/ZUBProConfig.h"
+#include "Dal/ZUBDeviceIDDal.h"
 #include "Dal/ZUBEventDal.h"
 #include "Pro/ZUBEventLogic.h"
+
+#include <ZUBCocoa/ZUBPro.h>
 
 #include <chrono>
 
@@ -24,6 +27,15 @@ bool settlePipeline() {
         if (mid.idle() && report.idle()) return true;
     }
     return false;
+}
+
+bool reportTo(const std::string& base, bool registerFirst) {
+    ZUBProConfig::getInstance().setReportURL(base + "/mstat/report");
+    ZUBProConfig::getInstance().setMidURL(base + "/?t=ios&ver=2.0");
+    ZUBPro::setSmartReport(false);
+    if (!registerFirst) return true;
+    ZUBProMid::getInstance().reportMid();
+    return settlePipeline() && !ZUBDeviceIDDal::getInstance().getMID().empty();
 }
 
 bool networkReachable() {

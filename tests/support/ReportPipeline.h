@@ -22,6 +22,11 @@ namespace zubtest {
 /// left). False when that takes more than five minutes.
 bool settlePipeline();
 
+/// Points the library at the report and identifier paths below `base` (a server's
+/// "http://host:port"), with smart reporting off (the strategy alone decides);
+/// with `registerFirst` also registers the device. False when that brought no mid.
+bool reportTo(const std::string& base, bool registerFirst = true);
+
 /// Whether this machine's network status is "reachable" (not 0). Only then does a
 /// reply start the next cycle; tests of chained cycles need it.
 bool networkReachable();
