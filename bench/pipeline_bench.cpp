@@ -1,6 +1,6 @@
 // The report pipeline's speed targets on this machine:
 //   - BM_StartInstalledDevice: ZUBPro::startWithAppKey on a device registered by an
-//     earlier run, in a fresh process each time (fork), on the host thread: <= 5 ms;
+//     earlier run, in a fresh process each time (fork), on the host thread: <= 1 ms;
 //   - BM_TrackOnHostThread: what a host thread pays to report one plain event (build
 //     it, take the session id, hand it over): <= 2 us median;
 //   - BM_EndToEndStrategyOne: events reported with strategy 1 until every one is
