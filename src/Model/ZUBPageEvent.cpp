@@ -4,6 +4,7 @@
 #include "Common/ZUBProHelper.h"
 #include "Dal/ZUBEventDal.h"
 #include "Model/ZUBSessionEvent.h"
+#include "Platform/BlockPool.h"
 #include "Platform/Clock.h"
 #include "Pro/ZUBEventLogic.h"
 
@@ -112,7 +113,7 @@ void ZUBPageEvent::reportPageEventEnd(const std::optional<std::string>& page) {
             return;
         }
         const auto now = static_cast<std::int64_t>(zub::Clock::nowSeconds());
-        event = std::make_shared<ZUBPageEvent>();
+        event = zub::makePooled<ZUBPageEvent>();
         event->setPage(*page);
         event->setReferPage(lastPageName());
         event->setSid(ZUBSessionEvent::getSessionID(false));
@@ -129,7 +130,7 @@ void ZUBPageEvent::reportPageEventDuration(const std::optional<std::string>& pag
         ZUBProHelper::LogDebug("Failed to trace nil/empty page.");
         return;
     }
-    auto event = std::make_shared<ZUBPageEvent>();
+    auto event = zub::makePooled<ZUBPageEvent>();
     event->setPage(*page);
     event->setReferPage(lastPageName());
     event->setSid(ZUBSessionEvent::getSessionID(false));

@@ -4,6 +4,7 @@
 #include "Common/ZUBProHelper.h"
 #include "Dal/ZUBEventDal.h"
 #include "Model/ZUBSessionEvent.h"
+#include "Platform/BlockPool.h"
 #include "Platform/Clock.h"
 #include "Pro/ZUBEventLogic.h"
 
@@ -77,7 +78,7 @@ std::string ZUBProCustomEvent::getCustomEventKey(const std::optional<std::string
 std::shared_ptr<ZUBProCustomEvent> ZUBProCustomEvent::makeImmediate(const std::optional<std::string>& eventID) {
     // One reading of the clock gives the event its digits, its timestamp and its session.
     const std::int64_t now = zub::Clock::nowMicros();
-    auto event = std::make_shared<ZUBProCustomEvent>(now);
+    auto event = zub::makePooled<ZUBProCustomEvent>(now);
     event->setEventID(eventID);
     event->setAppkey(ZUBProConfig::getInstance().appkey());
     event->setIsImportant(true);
@@ -135,7 +136,7 @@ void ZUBProCustomEvent::reportCustomEventEnd(const std::optional<std::string>& e
     dict = pairsOf(eventID, std::move(dict));
     // An absent dictionary ends nothing; a timer begun without pairs ends with an empty one.
     if (dict.is_null()) return;
-    auto event = std::make_shared<ZUBProCustomEvent>();
+    auto event = zub::makePooled<ZUBProCustomEvent>();
     const std::string key = getCustomEventKey(eventID, dict);
     {
         ZUBTimedTable& table = ZUBEventDal::getInstance().getTimeEventDic();

@@ -6,7 +6,10 @@
 #include "Common/ZUBProHelper.h"
 #include "Dal/ZUBDeviceIDDal.h"
 #include "Dal/ZUBEventDal.h"
+#include "Model/ZUBPageEvent.h"
+#include "Model/ZUBProCustomEvent.h"
 #include "Model/ZUBSessionEvent.h"
+#include "Platform/BlockPool.h"
 #include "Platform/Clock.h"
 
 #include <algorithm>
@@ -162,14 +165,9 @@ void ZUBEventLogic::queueFiling() {
         std::size_t calls = 0;
         {
             std::lock_guard filing(filingMutex_);
-            EventList events;
-            {
-                std::lock_guard lock(pendingMutex_);
-                events.swap(pending_);
-                calls = std::exchange(uncheckedCalls_, 0);
-            }
-            fileInOrder(events);
+            filePending(&calls);
         }
+        stockEventBlocks();
         for (std::size_t i = 0; i < calls; ++i) checkStrategyReport();
     });
 }
@@ -198,15 +196,33 @@ void ZUBEventLogic::fileOnCallersThread() {
     filePendingEvents();
 }
 
+// Memory for the events the host's threads make most, made and touched here on
+// the queue, so that a tracking call takes a block that is already in place
+// (BlockPool.h) instead of touching a fresh heap page on the host's thread.
+void ZUBEventLogic::stockEventBlocks() {
+    zub::stockPooled<ZUBProCustomEvent>(kStockedEventBlocks, std::int64_t{0});
+    zub::stockPooled<ZUBPageEvent>(kStockedEventBlocks / 4);
+}
+
 void ZUBEventLogic::filePendingEvents() {
     // One filer at a time, so events are filed in the order they were handed over.
     std::lock_guard filing(filingMutex_);
-    EventList events;
+    filePending(nullptr);
+}
+
+// The list filed last keeps its capacity and becomes the next pending list: a
+// burst of tracking calls then appends to memory the filer has used before, not
+// to a list that grows (and touches fresh pages) on the host's thread.
+void ZUBEventLogic::filePending(std::size_t* calls) {
+    EventList events = std::move(spareList_);
     {
         std::lock_guard lock(pendingMutex_);
         events.swap(pending_);
+        if (calls) *calls = std::exchange(uncheckedCalls_, 0);
     }
     fileInOrder(events);
+    events.clear();
+    spareList_ = std::move(events);
 }
 
 void ZUBEventLogic::fileInOrder(const EventList& events) {

@@ -127,8 +127,14 @@ private:
     void queueFiling();
     /// Files the events (filingMutex_ held by the caller).
     void fileInOrder(const EventList& events);
+    /// Files every pending event (filingMutex_ held); `calls`, when given, takes
+    /// the count of calls not yet checked against the strategy.
+    void filePending(std::size_t* calls);
     /// Events handed over but not yet filed, beyond which the caller files them.
     static constexpr std::size_t kMaxPendingEvents = 2048;
+    /// Event blocks the queue keeps ready for the host's tracking calls.
+    static constexpr std::size_t kStockedEventBlocks = 512;
+    void stockEventBlocks();
     /// Gives the event a key no other held or just delivered event has (lock held).
     void assignFreeKey(ZUBProEvent& event);
     /// Keeps a delivered event's key for a few seconds (lock held).
@@ -157,6 +163,7 @@ private:
     EventList pending_;                    // guarded by pendingMutex_
     std::size_t uncheckedCalls_ = 0;       // calls whose strategy check is due; guarded by pendingMutex_
     std::mutex filingMutex_;               // held while pending events are filed
+    EventList spareList_;                  // empty, capacity kept; guarded by filingMutex_
     std::atomic<bool> isSendingCacheEvent_{false};
     std::atomic<std::uint64_t> lastReportTs_{0};
     mutable std::mutex listsMutex_;
