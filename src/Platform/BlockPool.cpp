@@ -46,6 +46,20 @@ BlockPool::BlockPool(std::size_t size, std::size_t align) : size_(size), align_(
     if (slot < kMaxPools) gPools[slot].store(this, std::memory_order_release);
 }
 
+void* BlockPool::allocate() const {
+    // The usual alignment takes malloc's plain path; over-aligned types need the aligned one.
+    if (static_cast<std::size_t>(align_) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__) return ::operator new(size_);
+    return ::operator new(size_, align_);
+}
+
+void BlockPool::release(void* block) const noexcept {
+    if (static_cast<std::size_t>(align_) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__) {
+        ::operator delete(block, size_);
+    } else {
+        ::operator delete(block, size_, align_);
+    }
+}
+
 void BlockPool::lock() const noexcept {
     // Held for a push or a pop: a waiter spins a little, and yields only when the
     // holder has lost its core.
@@ -62,7 +76,7 @@ void* BlockPool::take() {
         free_.pop_back();
     }
     unlock();
-    if (!block) return ::operator new(size_, align_);
+    if (!block) return allocate();
     ZUB_UNPOISON(block, size_);
     return block;
 }
@@ -76,12 +90,12 @@ void BlockPool::give(void* block) noexcept {
         free_.push_back(block);
     }
     unlock();
-    if (!kept) ::operator delete(block, size_, align_);
+    if (!kept) release(block);
 }
 
 void BlockPool::stock(std::size_t count) {
     for (std::size_t n = freeBlocks(); n < std::min(count, kMaxFreeBlocks); ++n) {
-        void* block = ::operator new(size_, align_);
+        void* block = allocate();
         std::memset(block, 0, size_);
         give(block);
     }

@@ -55,6 +55,8 @@ public:
 
 private:
     BlockPool(std::size_t size, std::size_t align);
+    void* allocate() const;
+    void release(void* block) const noexcept;
 
     const std::size_t size_;
     const std::align_val_t align_;
