@@ -54,9 +54,9 @@ void* BlockPool::allocate() const {
 
 void BlockPool::release(void* block) const noexcept {
     if (static_cast<std::size_t>(align_) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__) {
-        ::operator delete(block, size_);
+        ::operator delete(block);
     } else {
-        ::operator delete(block, size_, align_);
+        ::operator delete(block, align_);
     }
 }
 

@@ -81,7 +81,7 @@ struct PooledAllocator {
         if (n == 1) {
             BlockPool::of<sizeof(T), alignof(T)>().give(p);
         } else {
-            ::operator delete(p, n * sizeof(T), std::align_val_t(alignof(T)));
+            ::operator delete(p, std::align_val_t(alignof(T)));
         }
     }
     template <class U>
@@ -106,8 +106,8 @@ struct ProbeAllocator {
         if (n == 1) probedPool = &BlockPool::of<sizeof(T), alignof(T)>();
         return static_cast<T*>(::operator new(n * sizeof(T), std::align_val_t(alignof(T))));
     }
-    void deallocate(T* p, std::size_t n) noexcept {
-        ::operator delete(p, n * sizeof(T), std::align_val_t(alignof(T)));
+    void deallocate(T* p, std::size_t) noexcept {
+        ::operator delete(p, std::align_val_t(alignof(T)));
     }
     template <class U>
     bool operator==(const ProbeAllocator<U>&) const noexcept {
