@@ -93,6 +93,9 @@ TEST(UserDefaults, DamagedFileIsEmptyLoggedAndReplaced) {
     EXPECT_TRUE(UserDefaults::parseFileContents(nested));
     nested.insert(nested.begin() + 3, 0x81);
     EXPECT_FALSE(UserDefaults::parseFileContents(nested));
+    // Containers of indefinite length, which other writers use, are read too.
+    EXPECT_EQ(UserDefaults::parseFileContents(zub::Data{0xbf, 0x61, 'a', 0x9f, 0x01, 0x02, 0xff, 0xff}),
+              Value::object({{"a", Value::array({1, 2})}}));
 
     // Such a file is taken for empty, logged, and replaced at the next synchronize.
     const std::string path = TempHome::makeDir("damaged").string() + "/d.defaults";

@@ -95,7 +95,8 @@ TEST_P(CollectorDashboardApi, AnswersFromTheSummariesAndRefusesBadInputInJson) {
     ASSERT_EQ(device.json["apps"].size(), 1u) << device.body;
     zubtest::expectKeys(device.json["apps"][0], {{"appVersion", "2.0"}, {"sessions", 1}, {"events", 8}, {"firstSeen", now - 60}});
     const Answer live = get(base, "/api/v1/live?limit=3");
-    EXPECT_EQ(live.json["events"].size(), 3u);
+    ASSERT_EQ(live.json["events"].size(), 3u);
+    zubtest::expectKeys(live.json["events"][0], {{"app", "api-app"}, {"mid", "api-mid-1"}, {"et", 1000}, {"ts", now - 1}});
     EXPECT_EQ(get(base, "/api/v1/live?after=" + live.json["lastId"].dump()).json["events"].size(), 0u);
 
     // Bad input: a 4xx with a JSON error that says what is wrong.

@@ -509,6 +509,7 @@ TEST(CollectorCommandLine, EachCommandHasItsHelpAndBadLinesAndConfigurationsAreN
         {{"stats", "--db", "x.db", "--frob"}, "--frob"},
         {{"events", "--db", "x.db", "--since", "2023-13-01"}, "--since"},
         {{"--config", absent, "--port", "65536"}, "--port"},
+        {{"--config", absent, "--dashboard", "127.0.0.1:80x"}, "expected ADDR:PORT"},
         {{"--config", absent, "--fault-ret", "1", "--fault-drop"}, "excludes"},
         {{"serve", "--config", absent, "--fault-path", "elsewhere"}, "--fault-path"},
     };
