@@ -510,6 +510,7 @@ TEST(CollectorCommandLine, EachCommandHasItsHelpAndBadLinesAndConfigurationsAreN
         {{"events", "--db", "x.db", "--since", "2023-13-01"}, "--since"},
         {{"--config", absent, "--port", "65536"}, "--port"},
         {{"--config", absent, "--dashboard", "127.0.0.1:80x"}, "expected ADDR:PORT"},
+        {{"--config", absent, "--dashboard", "127.0.0.1:65535"}, "cannot read configuration file"},  // the last port
         {{"--config", absent, "--fault-ret", "1", "--fault-drop"}, "excludes"},
         {{"serve", "--config", absent, "--fault-path", "elsewhere"}, "--fault-path"},
     };
